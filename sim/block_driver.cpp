@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: MIT
+#include "sim/block_driver.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace cardsim {
+
+int BlockDriver::Open(File& file)
+{
+    const bool for_writing = (file.flags & O_ACCMODE) != O_RDONLY;
+    return for_writing && card().write_protected ? -EROFS : 0;
+}
+
+int64_t BlockDriver::Seek(File& file, int64_t offset, int whence)
+{
+    const int64_t end = int64_t{card().sectors} * SIM_SECTOR_SIZE;
+    const int64_t base = whence == SEEK_CUR   ? static_cast<int64_t>(file.position)
+                         : whence == SEEK_END ? end
+                                              : 0;
+    if (base + offset < 0 || base + offset > end) {
+        return -EINVAL;
+    }
+    file.position = static_cast<uint64_t>(base + offset);
+    return base + offset;
+}
+
+int64_t BlockDriver::Read(File& file, void* to, uint32_t length)
+{
+    const int64_t moved = sim_card_read(&card(), file.position, to, length);
+    file.position += moved > 0 ? static_cast<uint64_t>(moved) : 0;
+    return moved;
+}
+
+int64_t BlockDriver::Write(File& file, const void* from, uint32_t length)
+{
+    const int64_t moved = sim_card_write(&card(), file.position, from, length);
+    file.position += moved > 0 ? static_cast<uint64_t>(moved) : 0;
+    return moved;
+}
+
+// Addresses arrive as the program passed them. Null is the one bad address that
+// can be told from inside the program.
+static int PutInProgram(void*, uintptr_t to, const void* from, uint32_t length)
+{
+    if (to == 0) {
+        return -EFAULT;
+    }
+    std::memcpy(reinterpret_cast<void*>(to), from, length);
+    return 0;
+}
+
+const sim_memory& ProgramMemory()
+{
+    static constexpr sim_memory kMemory = {PutInProgram, nullptr};
+    return kMemory;
+}
+
+}  // namespace cardsim

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: MIT
+#include "sim/config.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <initializer_list>
+#include <stdexcept>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "sim/ricoh_driver.h"
+
+namespace cardsim {
+
+namespace {
+
+using nlohmann::json;
+
+// A misspelt key would silently change nothing; it is an error instead.
+void AllowOnly(const json& object, const char* what, std::initializer_list<const char*> keys)
+{
+    if (!object.is_object()) {
+        throw std::runtime_error(std::string(what) + " must be an object in braces");
+    }
+    for (const auto& item : object.items()) {
+        const bool known = std::any_of(keys.begin(), keys.end(),
+                                       [&](const char* key) { return item.key() == key; });
+        if (!known) {
+            throw std::runtime_error(std::string(what) + " knows no \"" + item.key() + "\"");
+        }
+    }
+}
+
+int HexDigit(char digit)
+{
+    if (digit >= '0' && digit <= '9') {
+        return digit - '0';
+    }
+    if (digit >= 'a' && digit <= 'f') {
+        return digit - 'a' + 10;
+    }
+    if (digit >= 'A' && digit <= 'F') {
+        return digit - 'A' + 10;
+    }
+    return -1;
+}
+
+void SetRegister(const json& card, const char* key, uint8_t* reg, size_t size)
+{
+    if (!card.contains(key)) {
+        return;
+    }
+    const auto text = card.at(key).get<std::string>();
+    const bool all_hex =
+        std::all_of(text.begin(), text.end(), [](char digit) { return HexDigit(digit) >= 0; });
+    if (text.size() != 2 * size || !all_hex) {
+        throw std::runtime_error(std::string("\"") + key + "\" takes " + std::to_string(2 * size) +
+                                 " hexadecimal digits");
+    }
+    for (size_t i = 0; i < size; i++) {
+        reg[i] = static_cast<uint8_t>(HexDigit(text[2 * i]) * 16 + HexDigit(text[2 * i + 1]));
+    }
+}
+
+std::string Beside(const std::string& file, const std::string& name)
+{
+    const size_t slash = file.rfind('/');
+    return name.front() == '/' || slash == std::string::npos ? name
+                                                             : file.substr(0, slash + 1) + name;
+}
+
+void AddCard(Kernel& kernel, const json& object, const std::string& file)
+{
+    AllowOnly(object, "a card", {"driver", "image", "write_protected", "cid", "csd", "sd_status"});
+    const auto driver = object.at("driver").get<std::string>();
+    if (driver != "ricoh-sd") {
+        throw std::runtime_error("there is no driver \"" + driver + "\"; there is \"ricoh-sd\"");
+    }
+    const auto image = object.at("image").get<std::string>();
+    if (image.empty()) {
+        throw std::runtime_error("\"image\" is empty");
+    }
+    std::shared_ptr<Card> card =
+        Card::FromImage(Beside(file, image), object.value("write_protected", false));
+    sim_card& model = card->model();
+    SetRegister(object, "cid", model.cid, sizeof model.cid);
+    SetRegister(object, "csd", model.csd, sizeof model.csd);
+    SetRegister(object, "sd_status", model.sd_status, sizeof model.sd_status);
+    AddRicohCard(kernel, std::move(card));
+}
+
+CallKind KindNamed(const std::string& name)
+{
+    static constexpr std::pair<const char*, CallKind> kNames[] = {
+        {"stat", CallKind::Stat},   {"open", CallKind::Open}, {"close", CallKind::Close},
+        {"seek", CallKind::Seek},   {"read", CallKind::Read}, {"write", CallKind::Write},
+        {"ioctl", CallKind::Ioctl}, {"poll", CallKind::Poll},
+    };
+    for (const auto& known : kNames) {
+        if (name == known.first) {
+            return known.second;
+        }
+    }
+    throw std::runtime_error("a fault's \"call\" cannot be \"" + name + "\"");
+}
+
+int ErrnoNamed(const std::string& name)
+{
+    for (int number = 1; number < 256; number++) {
+        const char* known = strerrorname_np(number);
+        if (known != nullptr && name == known) {
+            return number;
+        }
+    }
+    throw std::runtime_error("there is no errno value \"" + name + "\"");
+}
+
+void AddFault(Kernel& kernel, const json& object)
+{
+    AllowOnly(object, "a fault", {"call", "node", "request", "first", "times", "errno"});
+    Fault fault;
+    fault.kind = KindNamed(object.at("call").get<std::string>());
+    fault.node = object.value("node", "");
+    if (object.contains("request")) {
+        const auto text = object.at("request").get<std::string>();
+        size_t used = 0;
+        fault.request = static_cast<uint32_t>(std::stoul(text, &used, 0));
+        if (used != text.size()) {
+            throw std::runtime_error("\"" + text + "\" is no request number");
+        }
+    }
+    fault.first = object.value("first", uint64_t{1});
+    fault.times = object.value("times", uint64_t{1});
+    fault.error = ErrnoNamed(object.at("errno").get<std::string>());
+    kernel.Inject(std::move(fault));
+}
+
+void AddFromDescription(Kernel& kernel, const std::string& path)
+{
+    std::ifstream file(path);
+    if (!file) {
+        throw std::runtime_error(std::strerror(errno));
+    }
+    const json description = json::parse(file);
+    AllowOnly(description, "the description", {"cards", "faults"});
+    for (const json& card : description.at("cards")) {
+        AddCard(kernel, card, path);
+    }
+    for (const json& fault : description.value("faults", json::array())) {
+        AddFault(kernel, fault);
+    }
+}
+
+}  // namespace
+
+void AddFromFile(Kernel& kernel, const std::string& path)
+{
+    static constexpr char kJson[] = ".json";
+    const bool is_description =
+        path.size() >= sizeof kJson &&
+        path.compare(path.size() - sizeof kJson + 1, std::string::npos, kJson) == 0;
+    if (!is_description) {
+        AddRicohCard(kernel, Card::FromImage(path));
+        return;
+    }
+    try {
+        AddFromDescription(kernel, path);
+    } catch (const std::exception& error) {
+        throw std::runtime_error("cannot use " + path + ": " + error.what());
+    }
+}
+
+}  // namespace cardsim

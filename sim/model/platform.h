@@ -1,0 +1,28 @@
+/* SPDX-License-Identifier: MIT */
+/*
+ * What the card model needs from its surroundings. The model is plain C without
+ * libc, so that one source can serve a program and a kernel.
+ */
+#ifndef CARDSIM_MODEL_PLATFORM_H
+#define CARDSIM_MODEL_PLATFORM_H
+
+#ifdef __KERNEL__
+#include <linux/errno.h>
+#include <linux/string.h>
+#include <linux/types.h>
+#else
+#include <errno.h>
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <string.h>
+#endif
+
+/* The memory of the program that sent a request. */
+struct sim_memory {
+    /* Copy `length` bytes to the program's address `to`: 0 or -EFAULT. */
+    int (*put)(void *context, uintptr_t to, const void *from, uint32_t length);
+    void *context;
+};
+
+#endif

@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: MIT
+#ifndef CARDDEV_TESTS_CAPTURE_H
+#define CARDDEV_TESTS_CAPTURE_H
+
+#include <functional>
+#include <string>
+
+// What `body` printed on standard output, with the source lines in the library's
+// prefixes replaced: "[zel:RicohSD_Init(#)](E)...".
+std::string Printed(const std::function<void()>& body);
+
+#endif
