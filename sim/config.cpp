@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
@@ -118,6 +119,17 @@ int ErrnoNamed(const std::string& name)
     throw std::runtime_error("there is no errno value \"" + name + "\"");
 }
 
+uint32_t RequestNumber(const std::string& text)
+{
+    char* end = nullptr;
+    const unsigned long long number = std::strtoull(text.c_str(), &end, 0);
+    // Signs and blanks are strtoull's to accept, not ours.
+    if (HexDigit(text.c_str()[0]) < 0 || end != text.c_str() + text.size() || number > UINT32_MAX) {
+        throw std::runtime_error("\"" + text + "\" is no request number");
+    }
+    return static_cast<uint32_t>(number);
+}
+
 void AddFault(Kernel& kernel, const json& object)
 {
     AllowOnly(object, "a fault", {"call", "node", "request", "first", "times", "errno"});
@@ -125,12 +137,7 @@ void AddFault(Kernel& kernel, const json& object)
     fault.kind = KindNamed(object.at("call").get<std::string>());
     fault.node = object.value("node", "");
     if (object.contains("request")) {
-        const auto text = object.at("request").get<std::string>();
-        size_t used = 0;
-        fault.request = static_cast<uint32_t>(std::stoul(text, &used, 0));
-        if (used != text.size()) {
-            throw std::runtime_error("\"" + text + "\" is no request number");
-        }
+        fault.request = RequestNumber(object.at("request").get<std::string>());
     }
     fault.first = object.value("first", uint64_t{1});
     fault.times = object.value("times", uint64_t{1});

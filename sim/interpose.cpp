@@ -34,6 +34,8 @@ Kernel* KernelFor(Thing thing)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #endif
 
+// libc's own parameter names are reserved ones.
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name)
 extern "C" {
 
 int stat64(const char* path, struct stat64* node)
@@ -105,3 +107,4 @@ int nanosleep(const struct timespec* length, struct timespec* remaining)
 }
 
 }  // extern "C"
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -118,6 +118,8 @@ public:
     // Everything since the last ClearCalls, in the order of the answers.
     std::vector<Call> Calls() const;
     void ClearCalls();
+    // Programs that run for long and do not look at the record can do without.
+    void KeepCalls(bool keep) { keep_calls_.store(keep); }
 
     size_t OpenFiles() const;              // descriptors handed out and not closed
     size_t LiveBlocks() const;             // blocks allocated and not freed
@@ -168,6 +170,7 @@ private:
     std::map<void*, size_t> blocks_;
     std::chrono::nanoseconds now_{0};
     std::atomic<uint8_t> block_fill_{0};
+    std::atomic<bool> keep_calls_{true};
 };
 
 }  // namespace cardsim

@@ -40,7 +40,8 @@ uint8_t sim_crc7(const uint8_t *bytes, uint32_t length);
 
 /* Give the card a capacity and the registers of an ordinary card of that
  * capacity: a version 1 CSD up to 2 GiB, version 2 above. The CSD's own capacity
- * is `sectors` rounded down to what its fields can say. Media are untouched. */
+ * is `sectors` rounded down to what its fields can say, 4 sectors at least. Media
+ * and protection are untouched. */
 void sim_card_describe(struct sim_card *card, uint32_t sectors);
 
 /* Bytes moved, 0 at the end of the card, or a negated errno value. A transfer is
