@@ -17,6 +17,9 @@ install(FILES
     ${CMAKE_CURRENT_BINARY_DIR}/carddevConfigVersion.cmake
     DESTINATION ${package_dir})
 
+# Found from the file's own place, so that the installed tree can be moved.
+file(RELATIVE_PATH pc_includedir
+    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_INCLUDEDIR})
 configure_file(cmake/carddev.pc.in carddev.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/carddev.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

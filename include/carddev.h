@@ -111,14 +111,20 @@ typedef struct MemoryChunk {
     uint32_t len;  /**< its length in bytes */
 } MemoryChunk;
 
+#ifdef __GNUC__
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpedantic" /* C++ has no arrays of open length */
+#endif
+
 /** The pieces of a direct transfer, in the order of the card's sectors. */
 typedef struct MemoryChunkArray {
     uint32_t count; /**< entries in use; compared as a signed number */
-#ifdef __GNUC__
-    __extension__
-#endif
-        MemoryChunk chunk[];
+    MemoryChunk chunk[];
 } MemoryChunkArray;
+
+#ifdef __GNUC__
+#pragma GCC diagnostic pop
+#endif
 
 /** Most pieces that a MemoryArray holds. */
 #define MEMORY_ARRAY_PIECES 8
