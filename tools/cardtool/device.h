@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: MIT
+//
+// A card device as the commands use it: the library's calls, with their many
+// ways of saying "failed" turned into Failure.
+#ifndef CARDTOOL_DEVICE_H
+#define CARDTOOL_DEVICE_H
+
+#include <array>
+#include <cstdint>
+#include <string>
+
+#include "carddev.h"
+
+// A handle that names the device and its back-end. Opens nothing.
+DrvInfo Detect(const std::string& path);
+
+// "Ricoh SD, unit 0"
+std::string BackEndOf(const DrvInfo& handle);
+
+// What a transfer came to. Less than was asked for is a failure; `error` is its
+// errno value, or 0 when the driver just stopped.
+struct Moved {
+    uint32_t sectors;
+    int error;
+};
+
+// Open from construction to destruction.
+class Device {
+public:
+    explicit Device(const DrvInfo& detected);
+    ~Device();
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    const std::string& path() const { return path_; }
+    int32_t type() const { return handle_.dev_type; }
+    std::string BackEnd() const { return BackEndOf(handle_); }
+
+    uint32_t Sectors();
+    bool IsWriteProtected();
+    uint16_t Status();
+    CardInfo Info();
+    std::array<uint8_t, CARD_SD_STATUS_SIZE> SdStatus();
+
+    // The buffers must lie below 4 GiB.
+    Moved Read(uint32_t first, uint32_t sectors, void* to);
+    Moved Write(uint32_t first, uint32_t sectors, const void* from);
+
+private:
+    // Throws unless the back-end has the operation.
+    void Need(bool offered, const char* what) const;
+    // Throws unless the card code means success.
+    void Check(int32_t code, const char* what) const;
+
+    std::string path_;
+    DrvInfo handle_;
+};
+
+#endif

@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: MIT
+#include "tools/cardtool/failure.h"
+
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+struct Kind {
+    ExitCode code;
+    const char* meaning;
+};
+
+constexpr Kind kKinds[] = {
+    {ExitCode::Ok, "done"},
+    {ExitCode::Unexpected, "unexpected: no memory, or a fault of the tool's own"},
+    {ExitCode::Usage, "usage: the command line asks for what cannot be"},
+    {ExitCode::NoSuchDevice, "no such device"},
+    {ExitCode::NotACard, "not a card: no device, or one that no back-end serves"},
+    {ExitCode::ReadOnly, "the card is write-protected"},
+    {ExitCode::PermissionDenied, "permission denied"},
+    {ExitCode::InputOutput, "input/output error on the card or on a file"},
+    {ExitCode::Refused, "a write that was not confirmed with yes"},
+};
+
+ExitCode KindOf(int error)
+{
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+        case ENODEV:
+        case ENXIO:
+        case ENOMEDIUM:
+            return ExitCode::NoSuchDevice;
+        case EACCES:
+        case EPERM:
+            return ExitCode::PermissionDenied;
+        case EROFS:
+            return ExitCode::ReadOnly;
+        default:
+            return ExitCode::InputOutput;
+    }
+}
+
+const char* Advice(ExitCode code)
+{
+    switch (code) {
+        case ExitCode::NoSuchDevice:
+            return "check the name with ls -l, that a card is in, and that its driver is loaded";
+        case ExitCode::PermissionDenied:
+            return "run as root, or as a member of the group that ls -l shows for it";
+        case ExitCode::ReadOnly:
+            return "take the card out, slide its lock open, and try again";
+        default:
+            return "take the card out, put it in firmly, and try again";
+    }
+}
+
+}  // namespace
+
+std::string ExitCodeText()
+{
+    std::string text;
+    for (const Kind& kind : kKinds) {
+        std::string number = std::to_string(static_cast<int>(kind.code));
+        number.insert(0, 4 - number.size(), ' ');
+        text += number + "  " + kind.meaning + "\n";
+    }
+    return text;
+}
+
+Failure SystemFailure(const std::string& what, int error, const std::string& next)
+{
+    const ExitCode code = KindOf(error);
+    return {code, what + ": " + std::strerror(error), next.empty() ? Advice(code) : next};
+}

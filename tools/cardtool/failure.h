@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: MIT
+//
+// How the tool ends, and what it says when it ends badly.
+#ifndef CARDTOOL_FAILURE_H
+#define CARDTOOL_FAILURE_H
+
+#include <stdexcept>
+#include <string>
+
+// One value for each kind of end, so that scripts can tell them apart. The gaps
+// are left for kinds to come; a value never changes its meaning.
+enum class ExitCode : int {
+    Ok = 0,
+    Unexpected = 1,        // no memory, or a fault of the tool's own
+    Usage = 2,             // the command line asks for what cannot be
+    NoSuchDevice = 3,      // no node of that name, or nothing behind it
+    NotACard = 4,          // a file that is no device, or a device that is no card
+    ReadOnly = 7,          // a write to a protected card
+    PermissionDenied = 8,  // the system does not let this user
+    InputOutput = 9,       // a transfer, a query, or a file failed
+    Refused = 12,          // the user did not answer yes
+};
+
+// The list of exit codes for --help.
+std::string ExitCodeText();
+
+// Thrown wherever a command cannot go on: what went wrong, and what to do next.
+class Failure : public std::runtime_error {
+public:
+    Failure(ExitCode code, const std::string& what, std::string next)
+        : std::runtime_error(what), code_(code), next_(std::move(next))
+    {
+    }
+    ExitCode code() const { return code_; }
+    const std::string& next() const { return next_; }
+
+private:
+    ExitCode code_;
+    std::string next_;
+};
+
+// The failure for an errno value: "`what`: No such file or directory". `next`
+// takes the place of the usual advice for that kind of failure.
+Failure SystemFailure(const std::string& what, int error, const std::string& next = "");
+
+#endif

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: MIT
+//
+// cardtool: memory cards from the command line, through the card library.
+#include <csignal>
+#include <cstdio>
+#include <new>
+#include <optional>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "sim/low_memory.h"
+#include "tools/cardtool/arguments.h"
+#include "tools/cardtool/commands.h"
+#include "tools/cardtool/failure.h"
+
+namespace {
+
+// The library prints on standard output. Results must not mix with its lines:
+// they get a descriptor of their own, and standard output becomes standard error.
+int SetResultsApart()
+{
+    const int results = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (fcntl(STDERR_FILENO, F_GETFD) < 0) {
+        // Else a file that the tool opens would get that number, and messages.
+        const int nowhere = open64("/dev/null", O_WRONLY);
+        dup2(nowhere, STDERR_FILENO);
+    }
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    return results;
+}
+
+int Complain(ExitCode code, const char* what, const char* next)
+{
+    std::fprintf(stderr, "cardtool: %s\ncardtool: %s\n", what, next);
+    return static_cast<int>(code);
+}
+
+int NoMemory()
+{
+    return Complain(ExitCode::Unexpected, "there is not enough memory",
+                    "give large inputs as a file: only standard input is held in memory");
+}
+
+int Run(int argc, char** argv, int results_fd)
+{
+    try {
+        Output results(results_fd, "standard output");
+        const std::optional<Arguments> arguments = ParseArguments(argc, argv, results);
+        if (arguments) {
+            RunCommand(*arguments, results);
+        }
+        results.Close();
+        return static_cast<int>(ExitCode::Ok);
+    } catch (const Failure& failure) {
+        return Complain(failure.code(), failure.what(), failure.next().c_str());
+    } catch (const std::bad_alloc&) {
+        return NoMemory();
+    } catch (const std::length_error&) {
+        return NoMemory();  // more than any memory here could hold
+    } catch (const std::exception& error) {
+        return Complain(ExitCode::Unexpected, error.what(),
+                        "this should not happen: please report it with the command line");
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    // A reader that goes away is a failed write, so that the device is closed.
+    std::signal(SIGPIPE, SIG_IGN);
+    const int results = SetResultsApart();
+    // Drivers take 32-bit addresses, also of what lies on the stack.
+    return cardsim::RunOnLowStack([&] { return Run(argc, argv, results); });
+}
