@@ -2,6 +2,7 @@
 #include "tests/support/capture.h"
 
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <stdexcept>
 #include <vector>
@@ -48,4 +49,21 @@ std::string Printed(const std::function<void()>& body)
     }
     std::fclose(file);
     return WithoutLineNumbers(text);
+}
+
+int ErrnoAfter(int before, const std::function<void()>& body)
+{
+    FILE* full = std::fopen("/dev/full", "w");
+    if (full == nullptr) {
+        throw std::runtime_error("cannot open /dev/full");
+    }
+    std::setvbuf(full, nullptr, _IONBF, 0);
+    FILE* kept = stdout;
+    stdout = full;
+    errno = before;
+    body();
+    const int after = errno;
+    stdout = kept;
+    std::fclose(full);
+    return after;
 }

@@ -1,0 +1,595 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
+"""cardtool from outside: what it prints, what it leaves, how it ends.
+
+The environment variable CARDTOOL holds the command to test, with an emulator in
+front of it where one is needed.
+"""
+
+import json
+import os
+import pathlib
+import pty
+import select
+import shlex
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+TOOL = shlex.split(os.environ["CARDTOOL"])
+DEVICE = "/dev/sdcarda"
+SECTOR = 512
+SECTORS = 1000  # a size that no round number of sectors divides
+TIMEOUT = 120
+
+OK, UNEXPECTED, USAGE, NO_DEVICE, NOT_A_CARD = 0, 1, 2, 3, 4
+READ_ONLY, PERMISSION, INPUT_OUTPUT, REFUSED = 7, 8, 9, 12
+
+BANNER = "Wrapper low-level driver"  # begins the library's line on opening
+
+
+def pattern(seed, sectors):
+    """Sectors that all differ, also from those of any other seed."""
+    return b"".join(
+        f"{seed} {i:9}\n".encode().ljust(SECTOR, bytes([i % 251])) for i in range(sectors)
+    )
+
+
+class CardtoolTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="cardtool-test-")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.image = self.folder / "card.img"
+        self.content = pattern("card", SECTORS)
+        self.image.write_bytes(self.content)
+
+    def path(self, name):
+        return str(self.folder / name)
+
+    def file(self, name, content):
+        path = self.folder / name
+        path.write_bytes(content)
+        return str(path)
+
+    def description(self, card=None, faults=(), name="cards.json"):
+        card = {"driver": "ricoh-sd", "image": "card.img", **(card or {})}
+        text = json.dumps({"cards": [card], "faults": list(faults)})
+        return self.file(name, text.encode())
+
+    def run_tool(self, *arguments, stdin=b"", stdout=subprocess.PIPE, **options):
+        """Run without a terminal, so that questions go to standard input."""
+        return subprocess.run(
+            [*TOOL, *arguments],
+            input=stdin,
+            stdout=stdout,
+            stderr=subprocess.PIPE,
+            start_new_session=True,
+            timeout=TIMEOUT,
+            check=False,
+            **options,
+        )
+
+    def on_card(self, *arguments, sim=None, **options):
+        return self.run_tool("--sim", sim or str(self.image), *arguments, **options)
+
+    def succeed(self, result):
+        self.assertEqual(result.returncode, OK, result.stderr.decode(errors="replace"))
+        self.assertNotIn(b"cardtool:", result.stderr)
+        return result.stdout
+
+    def fail_with(self, code, result, *texts):
+        """A failure says what went wrong in one line and what to do in another."""
+        errors = result.stderr.decode(errors="replace")
+        self.assertEqual(result.returncode, code, errors)
+        lines = [line for line in errors.splitlines() if line.startswith("cardtool: ")]
+        self.assertEqual(len(lines), 2, errors)
+        self.assertEqual(errors.splitlines()[-2:], lines)
+        for text in texts:
+            self.assertIn(text, lines[0])
+        return lines
+
+    def assert_card_unchanged(self):
+        self.assertTrue(self.image.read_bytes() == self.content, "the card's sectors changed")
+
+
+class HelpTest(CardtoolTest):
+    def test_help_has_examples_and_every_exit_code(self):
+        text = self.succeed(self.run_tool("--help")).decode()
+        for command in ("detect", "info", "size", "status", "read", "write"):
+            self.assertRegex(text, rf"(?m)^  {command} ")
+        self.assertIn("cardtool read /dev/sdcarda", text)
+        self.assertIn("standard error", text)
+        for code in (0, 1, 2, 3, 4, 7, 8, 9, 12):
+            self.assertRegex(text, rf"(?m)^ *{code}  \w")
+
+    def test_help_of_a_command(self):
+        text = self.succeed(self.run_tool("read", "--help")).decode()
+        for option in ("--first", "--count", "-o,--output"):
+            self.assertIn(option, text)
+
+    def test_version(self):
+        self.assertRegex(self.succeed(self.run_tool("--version")), rb"^cardtool \d+\.\d+\.\d+\n$")
+
+
+class UsageTest(CardtoolTest):
+    def test_what_cannot_be_understood(self):
+        for arguments in (
+            [],
+            ["erase", DEVICE],
+            ["size"],
+            ["size", DEVICE, "more"],
+            ["size", DEVICE, "--first", "1"],
+            ["read", DEVICE],
+            ["write", DEVICE],
+            ["read", DEVICE, "-o"],
+            ["read", DEVICE, "-o", "-", "--nonsense"],
+        ):
+            with self.subTest(arguments):
+                result = self.on_card(*arguments)
+                self.fail_with(USAGE, result)
+                self.assertEqual(result.stdout, b"")
+
+    def test_numbers_are_taken_strictly(self):
+        for number in ("-1", "+1", "1.5", "1k", "0x10", " 1", "", "4294967296", "9" * 20):
+            for option in ("--first", "--count"):
+                with self.subTest(f"{option} {number!r}"):
+                    result = self.on_card("read", DEVICE, "-o", "-", option, number)
+                    self.fail_with(USAGE, result)
+                    self.assertEqual(result.stdout, b"")
+
+    def test_a_leading_zero_is_no_octal_number(self):
+        result = self.on_card("read", DEVICE, "-o", "-", "--first", "010", "--count", "01")
+        self.assertEqual(self.succeed(result), self.content[10 * SECTOR : 11 * SECTOR])
+
+    def test_a_path_that_is_too_long(self):
+        self.fail_with(USAGE, self.on_card("size", "/dev/" + "x" * 251))
+
+
+class DetectTest(CardtoolTest):
+    def test_names_the_back_end(self):
+        result = self.on_card("detect", DEVICE)
+        self.assertEqual(self.succeed(result), b"/dev/sdcarda: Ricoh SD, unit 0\n")
+        self.assertEqual(result.stderr, b"")
+
+    def test_no_such_device(self):
+        for command in ("detect", "info", "size", "status"):
+            self.fail_with(NO_DEVICE, self.on_card(command, "/dev/none"), "/dev/none")
+        self.fail_with(NO_DEVICE, self.on_card("read", "/dev/none", "-o", "-"), "/dev/none")
+        self.fail_with(NO_DEVICE, self.run_tool("detect", self.path("none")), "none")
+        self.fail_with(NO_DEVICE, self.run_tool("detect", str(self.image) + "/below"))
+
+    def test_what_is_no_card(self):
+        for path in (str(self.image), str(self.folder)):
+            self.fail_with(NOT_A_CARD, self.run_tool("detect", path), path, "not a device")
+        self.fail_with(NOT_A_CARD, self.run_tool("detect", "/dev/null"), "/dev/null", "no back-end")
+        self.fail_with(NOT_A_CARD, self.run_tool("info", "/dev/null"), "/dev/null")
+
+    def test_permission_denied(self):
+        for call in ("stat", "open"):
+            for errno in ("EACCES", "EPERM"):
+                with self.subTest(f"{call} {errno}"):
+                    sim = self.description(faults=[{"call": call, "errno": errno}])
+                    self.fail_with(PERMISSION, self.on_card("size", DEVICE, sim=sim), DEVICE)
+
+    def test_other_failures_to_open(self):
+        for errno, code in (("ENXIO", NO_DEVICE), ("ENODEV", NO_DEVICE), ("EIO", INPUT_OUTPUT)):
+            with self.subTest(errno):
+                sim = self.description(faults=[{"call": "open", "errno": errno}])
+                self.fail_with(code, self.on_card("size", DEVICE, sim=sim), "cannot open")
+
+
+class QueryTest(CardtoolTest):
+    def test_size(self):
+        for arguments in (["--sim", str(self.image), "size", DEVICE],
+                          ["size", "--sim", str(self.image), DEVICE],
+                          ["size", DEVICE, "--sim=" + str(self.image)]):
+            result = self.run_tool(*arguments)
+            self.assertEqual(self.succeed(result), b"1000 sectors, 512000 bytes\n")
+            # The library did speak, and elsewhere.
+            self.assertIn(BANNER, result.stderr.decode())
+
+    def test_size_of_a_large_card(self):
+        with open(self.image, "wb") as image:
+            image.truncate(5 << 30)
+        self.assertEqual(self.succeed(self.on_card("size", DEVICE)),
+                         b"10485760 sectors, 5368709120 bytes\n")
+
+    def test_size_that_cannot_be_had(self):
+        sim = self.description(faults=[{"call": "ioctl", "errno": "EIO"}])
+        for command in (["size"], ["read", "-o", "-"], ["write", "-i", str(self.image), "--yes"]):
+            result = self.on_card(*command, DEVICE, sim=sim)
+            self.fail_with(INPUT_OUTPUT, result, "size", "Input/output error")
+            self.assertEqual(result.stdout, b"")
+        self.assert_card_unchanged()
+
+    def test_status(self):
+        result = self.on_card("status", DEVICE)
+        self.assertEqual(
+            self.succeed(result).decode().split("\n"),
+            ["status word:        0x8000 (ready)", "write protection:   off", ""])
+        protected = self.on_card("status", DEVICE, sim=self.description({"write_protected": True}))
+        self.assertIn(b"write protection:   on\n", self.succeed(protected))
+
+    def info(self, card=None):
+        text = self.succeed(self.on_card("info", DEVICE, sim=self.description(card))).decode()
+        self.assertTrue(text.isascii() and text.replace("\n", "").isprintable(), repr(text))
+        return text
+
+    def test_info(self):
+        text = self.info({
+            "cid": "02544d534131364743001af44c0129e9",
+            "csd": "400e00325b590000734f7f800a40001b",
+            "sd_status": "".join(f"{i:02x}" for i in range(64)),
+        })
+        self.assertEqual(text, """\
+device:             /dev/sdcarda
+back-end:           Ricoh SD, unit 0
+size:               1000 sectors, 512000 bytes
+write protection:   off
+CID:                02544d534131364743001af44c0129e9
+  manufacturer:     0x02
+  OEM:              TM
+  product:          SA16G
+  revision:         4.3
+  serial:           0x001af44c
+  made:             2018-09
+  CRC7:             valid
+CSD:                400e00325b590000734f7f800a40001b
+  version:          2
+  capacity:         30228480 sectors, 15476981760 bytes
+  CRC7:             valid
+SD status:          000102030405060708090a0b0c0d0e0f
+                    101112131415161718191a1b1c1d1e1f
+                    202122232425262728292a2b2c2d2e2f
+                    303132333435363738393a3b3c3d3e3f
+""")
+
+    def test_info_of_other_registers(self):
+        text = self.info({"cid": "1b534d474638533530d8466363a16700",
+                          "csd": "400e00325b590000734f7f800a40001d"})
+        self.assertIn("  CRC7:             absent", text)
+        self.assertIn("  CRC7:             mismatching", text)
+        text = self.info({"cid": "0" * 32, "csd": "c00000000000003fffff0000000000d7"})
+        self.assertIn("CID:                empty", text)
+        self.assertIn("  capacity:         not known", text)
+        self.assertIn("  version:          4", text)
+
+    def test_info_lets_no_card_drive_the_terminal(self):
+        # ESC c, and ESC ] 0 BEL backslash: would reset a terminal and set its title.
+        text = self.info({"cid": "001b631b5d30075c43001af44c012900"})
+        self.assertIn("  OEM:              \\x1bc\n", text)
+        self.assertIn("  product:          \\x1b]0\\x07\\x5c\n", text)
+
+    def test_info_shows_what_it_can_get(self):
+        sim = self.description(faults=[{"call": "ioctl", "request": "0x400178fe", "errno": "EIO"}])
+        result = self.on_card("info", DEVICE, sim=sim)
+        self.fail_with(INPUT_OUTPUT, result, "registers", "Input/output error")
+        self.assertIn(b"size:               1000 sectors", result.stdout)
+        self.assertIn(b"SD status:", result.stdout)
+        self.assertNotIn(b"CID", result.stdout)
+
+    def test_results_that_cannot_be_written(self):
+        with open("/dev/full", "wb") as full:
+            result = self.on_card("info", DEVICE, stdout=full)
+        self.fail_with(INPUT_OUTPUT, result, "standard output", "No space left")
+
+
+class ReadTest(CardtoolTest):
+    def test_whole_card_to_standard_output(self):
+        result = self.on_card("read", DEVICE, "-o", "-")
+        self.assertTrue(self.succeed(result) == self.content)
+        self.assertIn(BANNER, result.stderr.decode())
+
+    def test_whole_card_to_a_file(self):
+        out = self.file("out.img", b"what was there before" * 100000)
+        self.succeed(self.on_card("read", DEVICE, "--output", out))
+        self.assertTrue(pathlib.Path(out).read_bytes() == self.content)
+        self.assert_card_unchanged()
+
+    def test_parts(self):
+        for first, count in ((0, 1), (1, 999), (255, 2), (256, 256), (700, 300), (999, 1)):
+            with self.subTest(f"{count} sectors from {first}"):
+                result = self.on_card("read", DEVICE, "-o", "-", "--first", str(first),
+                                      "--count", str(count))
+                expected = self.content[first * SECTOR : (first + count) * SECTOR]
+                self.assertTrue(self.succeed(result) == expected)
+
+    def test_to_the_end_from_somewhere(self):
+        got = self.succeed(self.on_card("read", DEVICE, "-o", "-", "--first", "990"))
+        self.assertEqual(got, self.content[990 * SECTOR :])
+
+    def test_beyond_four_gigabytes(self):
+        far = 9_000_000
+        with open(self.image, "r+b") as image:
+            image.truncate(5 << 30)
+            image.seek(far * SECTOR)
+            image.write(pattern("far", 3))
+        result = self.on_card("read", DEVICE, "-o", "-", "--first", str(far), "--count", "3")
+        self.assertEqual(self.succeed(result), pattern("far", 3))
+
+    def test_ranges_that_are_not_on_the_card(self):
+        for first, count in (("1000", None), ("4294967295", None), ("0", "1001"), ("999", "2"),
+                             ("1", "4294967295"), ("0", "0")):
+            with self.subTest(f"{count} from {first}"):
+                out = self.folder / "out.img"
+                arguments = ["--first", first] + (["--count", count] if count else [])
+                self.fail_with(USAGE, self.on_card("read", DEVICE, "-o", str(out), *arguments))
+                self.assertFalse(out.exists())
+
+    def test_failure_in_the_middle_tells_how_far(self):
+        for call in ("read", "seek"):
+            with self.subTest(call):
+                sim = self.description(faults=[{"call": call, "first": 3, "errno": "EIO"}])
+                out = self.folder / "out.img"
+                result = self.on_card("read", DEVICE, "-o", str(out), sim=sim)
+                done = out.stat().st_size // SECTOR
+                self.assertTrue(0 < done < SECTORS)
+                lines = self.fail_with(INPUT_OUTPUT, result, "Input/output error",
+                                       f"sector {done} after {done} of 1000 sectors")
+                self.assertTrue(out.read_bytes() == self.content[: done * SECTOR])
+                # The advice leads to the rest.
+                self.assertIn(f"--first {done}", lines[1])
+                rest = self.succeed(self.on_card("read", DEVICE, "-o", "-", "--first", str(done)))
+                self.assertTrue(out.read_bytes() + rest == self.content)
+
+    def test_failure_counts_from_the_first_sector_asked_for(self):
+        sim = self.description(faults=[{"call": "read", "errno": "EIO"}])
+        result = self.on_card("read", DEVICE, "-o", "-", "--first", "40", "--count", "9", sim=sim)
+        self.fail_with(INPUT_OUTPUT, result, "sector 40 after 0 of 9 sectors")
+        self.assertEqual(result.stdout, b"")
+
+    def test_output_that_cannot_be_written(self):
+        self.fail_with(INPUT_OUTPUT, self.on_card("read", DEVICE, "-o", "/dev/full"),
+                       "/dev/full", "No space left")
+        with open("/dev/full", "wb") as full:
+            result = self.on_card("read", DEVICE, "-o", "-", stdout=full)
+        self.fail_with(INPUT_OUTPUT, result, "standard output", "No space left")
+        self.fail_with(INPUT_OUTPUT, self.on_card("read", DEVICE, "-o", self.path("no/such")),
+                       "cannot create")
+
+    def test_output_that_cannot_be_completed(self):
+        # The card onto itself: closing a node can be made to fail.
+        sim = self.description(faults=[{"call": "close", "errno": "EIO"}])
+        result = self.on_card("read", DEVICE, "-o", DEVICE, sim=sim)
+        self.fail_with(INPUT_OUTPUT, result, "cannot complete", "Input/output error")
+        self.assert_card_unchanged()
+
+    def test_reader_that_goes_away(self):
+        source, sink = os.pipe()
+        os.close(source)
+        try:
+            result = self.on_card("read", DEVICE, "-o", "-", stdout=sink)
+        finally:
+            os.close(sink)
+        self.fail_with(INPUT_OUTPUT, result, "Broken pipe")
+
+    def test_standard_output_that_is_closed(self):
+        command = shlex.join([*TOOL, "--sim", str(self.image), "size", DEVICE]) + " >&-"
+        result = subprocess.run(["sh", "-c", command], stderr=subprocess.PIPE, timeout=TIMEOUT,
+                                check=False)
+        self.fail_with(INPUT_OUTPUT, result, "standard output")
+
+    def test_files_that_are_not_permitted(self):
+        # A place of the stand-in's, so that root is refused, too.
+        sim = self.description(faults=[{"call": "open", "node": "/dev/mine", "errno": "EACCES"}])
+        self.fail_with(PERMISSION, self.on_card("read", DEVICE, "-o", "/dev/mine", sim=sim),
+                       "cannot create /dev/mine")
+        self.fail_with(PERMISSION, self.on_card("write", DEVICE, "-i", "/dev/mine", sim=sim),
+                       "cannot open /dev/mine")
+
+    def test_the_simulated_card_is_no_place_for_its_copy(self):
+        link = self.folder / "link"
+        link.symlink_to(self.image)
+        for out in (self.image, link):
+            self.fail_with(USAGE, self.on_card("read", DEVICE, "-o", str(out)))
+            self.assert_card_unchanged()
+
+
+class WriteTest(CardtoolTest):
+    def written(self, first, data):
+        start = first * SECTOR
+        return self.content[:start] + data + self.content[start + len(data) :]
+
+    def assert_image(self, expected):
+        self.assertTrue(self.image.read_bytes() == expected)
+
+    def test_lands_exactly_there(self):
+        for first, count in ((0, 1), (7, 300), (255, 2), (999, 1), (0, 1000)):
+            for way in ("file", "standard input", "pipe by name"):
+                with self.subTest(f"{count} sectors at {first} from {way}"):
+                    self.image.write_bytes(self.content)
+                    data = pattern(way, count)
+                    source = {"file": self.file("in", data), "standard input": "-",
+                              "pipe by name": "/dev/stdin"}[way]
+                    self.succeed(self.on_card("write", DEVICE, "--yes", "-i", source,
+                                              "--first", str(first), stdin=data))
+                    self.assert_image(self.written(first, data))
+
+    def test_beyond_four_gigabytes(self):
+        far = 9_000_000
+        with open(self.image, "r+b") as image:
+            image.truncate(5 << 30)
+        data = self.file("in", pattern("far", 3))
+        self.succeed(self.on_card("write", DEVICE, "--yes", "-i", data, "--first", str(far)))
+        with open(self.image, "rb") as image:
+            self.assertTrue(image.read(len(self.content)) == self.content)
+            image.seek((far - 1) * SECTOR)
+            zeros = bytes(SECTOR)
+            self.assertEqual(image.read(5 * SECTOR), zeros + pattern("far", 3) + zeros)
+
+    def test_inputs_that_are_no_whole_number_of_sectors(self):
+        for length in (0, 1, 511, 513, 512 * 300 + 1):
+            for source in (self.file("in", bytes(length)), "-"):
+                with self.subTest(f"{length} bytes from {source}"):
+                    result = self.on_card("write", DEVICE, "--yes", "-i", source,
+                                          stdin=bytes(length))
+                    self.fail_with(USAGE, result, f"{length} bytes")
+                    self.assert_card_unchanged()
+
+    def test_inputs_that_do_not_fit(self):
+        for first, count in ((0, 1001), (999, 2), (700, 301), (1000, 1), (4294967295, 1)):
+            data = pattern("new", count)
+            for source in (self.file("in", data), "-"):
+                with self.subTest(f"{count} sectors at {first} from {source}"):
+                    result = self.on_card("write", DEVICE, "--yes", "-i", source,
+                                          "--first", str(first), stdin=data)
+                    self.fail_with(USAGE, result)
+                    self.assert_card_unchanged()
+
+    def test_endless_input_does_not_fit_either(self):
+        self.fail_with(USAGE, self.on_card("write", DEVICE, "--yes", "-i", "/dev/zero"), "not fit")
+        self.assert_card_unchanged()
+
+    def test_input_that_is_not_there(self):
+        for source in (self.path("none"), str(self.folder)):
+            result = self.on_card("write", DEVICE, "--yes", "-i", source)
+            self.fail_with(INPUT_OUTPUT, result, source)
+        self.assert_card_unchanged()
+
+    def test_asks_on_standard_input_without_a_terminal(self):
+        data = pattern("new", 2)
+        source = self.file("in", data)
+        for answer in (b"", b"\n", b"no\n", b"y\n", b"YES\n", b"yes please\n", b" yes\n"):
+            with self.subTest(answer):
+                result = self.on_card("write", DEVICE, "-i", source, "--first", "5", stdin=answer)
+                self.assertIn(f"Write 2 sectors to {DEVICE} from sector 5? Type yes: ",
+                              result.stderr.decode())
+                lines = self.fail_with(REFUSED, result, 'not "yes"')
+                self.assertIn("nothing was written", lines[1])
+                self.assertEqual(result.stdout, b"")
+                self.assert_card_unchanged()
+        for answer in (b"yes\n", b"yes"):
+            self.image.write_bytes(self.content)
+            result = self.on_card("write", DEVICE, "-i", source, "--first", "5", stdin=answer)
+            self.assertEqual(result.returncode, OK, result.stderr)
+            self.assert_image(self.written(5, data))
+
+    def test_data_on_standard_input_is_no_answer(self):
+        data = b"yes\n".ljust(SECTOR, b"\n")
+        result = self.on_card("write", DEVICE, "-i", "-", stdin=data)
+        self.fail_with(REFUSED, result, "cannot ask")
+        self.assert_card_unchanged()
+
+    def on_terminal(self, answer, *arguments, stdin=None):
+        """Run with a terminal of its own; answer when the question has come."""
+        pid, terminal = pty.fork()
+        if pid == 0:
+            try:
+                if stdin:
+                    os.dup2(os.open(stdin, os.O_RDONLY), 0)
+                os.execvp(TOOL[0], [*TOOL, "--sim", str(self.image), *arguments])
+            finally:  # or the child would go on with the tests
+                os._exit(127)
+        shown = b""
+        while select.select([terminal], [], [], TIMEOUT)[0]:
+            try:
+                got = os.read(terminal, 4096)
+            except OSError:  # how a terminal without a program ends
+                break
+            shown += got
+            if not got:
+                break
+            if answer and b"Type yes: " in shown:
+                os.write(terminal, answer)
+                answer = b""
+        os.close(terminal)
+        return os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]), shown.decode()
+
+    def test_asks_on_the_terminal(self):
+        data = pattern("new", 2)
+        source = self.file("in", data)
+        code, shown = self.on_terminal(b"no\n", "write", DEVICE, "-i", source)
+        self.assertEqual(code, REFUSED, shown)
+        self.assertIn(f"Write 2 sectors to {DEVICE} from sector 0? Type yes: ", shown)
+        self.assert_card_unchanged()
+        code, shown = self.on_terminal(b"yes\n", "write", DEVICE, "-i", source)
+        self.assertEqual(code, OK, shown)
+        self.assert_image(self.written(0, data))
+
+    def test_asks_on_the_terminal_while_standard_input_is_the_data(self):
+        data = pattern("new", 2)
+        source = self.file("in", data)
+        code, shown = self.on_terminal(b"no\n", "write", DEVICE, "-i", "-", stdin=source)
+        self.assertEqual(code, REFUSED, shown)
+        self.assertNotIn("cannot ask", shown)
+        self.assert_card_unchanged()
+        code, shown = self.on_terminal(b"yes\n", "write", DEVICE, "-i", "-", stdin=source)
+        self.assertEqual(code, OK, shown)
+        self.assert_image(self.written(0, data))
+
+    def test_protected_card(self):
+        sim = self.description({"write_protected": True})
+        source = self.file("in", pattern("new", 1))
+        for arguments in ([], ["--yes"]):
+            result = self.on_card("write", DEVICE, "-i", source, *arguments, sim=sim)
+            self.fail_with(READ_ONLY, result, "write-protected")
+        self.assert_card_unchanged()
+        # It can be read all the same.
+        result = self.on_card("read", DEVICE, "-o", "-", sim=sim)
+        self.assertTrue(self.succeed(result) == self.content)
+
+    def test_failure_in_the_middle_tells_how_far(self):
+        sim = self.description(faults=[{"call": "write", "first": 3, "errno": "EIO"}])
+        data = pattern("new", 900)
+        source = self.file("in", data)
+        result = self.on_card("write", DEVICE, "--yes", "-i", source, "--first", "50", sim=sim)
+        now = self.image.read_bytes()
+        done = sum(now[i * SECTOR : (i + 1) * SECTOR] != self.content[i * SECTOR : (i + 1) * SECTOR]
+                   for i in range(SECTORS))
+        self.assertTrue(0 < done < 900)
+        self.assert_image(self.written(50, data[: done * SECTOR]))
+        self.fail_with(INPUT_OUTPUT, result, "Input/output error",
+                       f"sector {50 + done} after {done} of 900 sectors")
+        self.assertEqual(result.stdout, b"")
+
+
+class SimulationTest(CardtoolTest):
+    def test_descriptions_that_cannot_be_used(self):
+        good = {"driver": "ricoh-sd", "image": "card.img"}
+        for what, text, hint in (
+            ("no JSON", b"{", "parse error"),
+            ("empty", b"", "parse error"),
+            ("no cards", b"{}", "cards"),
+            ("misspelt key", json.dumps({"cards": [{**good, "imgae": "x"}]}).encode(), "imgae"),
+            ("misspelt top key", json.dumps({"cards": [good], "fualts": []}).encode(), "fualts"),
+            ("image not there", json.dumps({"cards": [{**good, "image": "none.img"}]}).encode(),
+             "none.img"),
+            ("unknown driver", json.dumps({"cards": [{**good, "driver": "x"}]}).encode(), "x"),
+            ("short register", json.dumps({"cards": [{**good, "cid": "00"}]}).encode(), "cid"),
+            ("unknown errno", json.dumps({"cards": [good], "faults": [
+                {"call": "read", "errno": "EWHAT"}]}).encode(), "EWHAT"),
+        ):
+            with self.subTest(what):
+                sim = self.file("bad.json", text)
+                result = self.on_card("size", DEVICE, sim=sim)
+                self.fail_with(USAGE, result, sim, hint)
+                self.assertEqual(result.stdout, b"")
+
+    def test_images_that_cannot_be_used(self):
+        for name, content in (("odd.img", bytes(700)), ("empty.img", b"")):
+            sim = self.file(name, content)
+            self.fail_with(USAGE, self.on_card("size", DEVICE, sim=sim), sim)
+        for sim in (self.path("none.img"), self.path("none.json"), str(self.folder)):
+            self.fail_with(USAGE, self.on_card("size", DEVICE, sim=sim), sim)
+
+    def test_image_beside_the_description(self):
+        self.description()
+        result = self.run_tool("--sim", "cards.json", "size", DEVICE, cwd=self.folder)
+        self.assertEqual(self.succeed(result), b"1000 sectors, 512000 bytes\n")
+        elsewhere = self.folder / "elsewhere"
+        elsewhere.mkdir()
+        shutil.copy(self.folder / "cards.json", elsewhere)
+        sim = str(elsewhere / "cards.json")
+        self.fail_with(USAGE, self.on_card("size", DEVICE, sim=sim), "card.img")
+
+    def test_without_a_simulation_there_is_no_card(self):
+        # A machine where this file exists has a card of its own: leave it alone.
+        if os.path.exists(DEVICE):
+            self.skipTest("this machine has such a card")
+        self.fail_with(NO_DEVICE, self.run_tool("size", DEVICE), DEVICE)
+
+
+if __name__ == "__main__":
+    unittest.main()
