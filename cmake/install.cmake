@@ -5,7 +5,8 @@ install(TARGETS carddev_static carddev_shared EXPORT carddevTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 set_target_properties(carddev_shared PROPERTIES EXPORT_NAME carddev)
-install(FILES include/carddev.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES include/carddev.h include/carddev_state.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/carddev)
 install(EXPORT carddevTargets NAMESPACE carddev:: DESTINATION ${package_dir})

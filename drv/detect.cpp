@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "common/handle.h"
 #include "drv/drv.h"
 
 namespace {
@@ -23,7 +24,7 @@ int32_t ZelUnit(unsigned minor_number)
 
 int Examine(const DrvInfo* handle, struct stat64* node)
 {
-    if (memchr(handle->dev_path, '\0', sizeof handle->dev_path) == nullptr) {
+    if (!PathEnds(handle)) {
         errno = ENAMETOOLONG;
         return -1;
     }

@@ -206,6 +206,17 @@ struct DrvInfo {
     void* priv;         /**< the back-end's own, set by DevInit */
 };
 
+/** SdFormatParams::fs_type. */
+enum SdFsType { SD_FS_FAT12 = 0, SD_FS_FAT16 = 1, SD_FS_FAT32 = 2, SD_FS_EXFAT = 3 };
+
+/** How a card is to be formatted; sectors are counted from the card's first. */
+typedef struct SdFormatParams {
+    uint32_t fs_type;          /**< SdFsType */
+    uint32_t partition_start;  /**< sector where the partition begins */
+    uint32_t data_start;       /**< sector where the data area (the first cluster) begins */
+    uint32_t root_dir_sectors; /**< root directory of a FAT12 or FAT16; always 32 */
+} SdFormatParams;
+
 /** The back-ends' tables. DevDetect chooses among them. */
 extern const DrvOps mivo_ops;
 extern const DrvOps zel_ops;
@@ -420,8 +431,8 @@ int32_t DevDrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
  * 4 + 8 * count bytes for the time of the call.
  *
  * list->count must not be above 8: it is not checked, and the pieces beyond
- * would be read from past the record. A count below 1 reaches the back-end as an
- * empty list.
+ * would be read from past the record. A count of 0 reaches the back-end as an empty
+ * list; a negative one asks for more memory than there is.
  *
  * @return as DevDrctRead; -12 when the list cannot be allocated; -22 without a
  *         message for a null handle or list.
@@ -484,6 +495,20 @@ void DevLockRTOn(DrvInfo* handle);
 
 /** Undo DevLockRTOn; the same terms. */
 void DevUnlockRTOn(DrvInfo* handle);
+
+/* ------------------------------------------------------------- formatting --- */
+
+/**
+ * Work out which file system a card of @p capacity sectors is to carry and where
+ * it begins, by the layout rules for SD memory cards: FAT12 or FAT16 up to 2 GiB,
+ * FAT32 up to 32 GiB, exFAT up to 512 GiB, the data area on a multiple of the
+ * capacity's boundary unit. Pure computation: no device, no lock, no allocation.
+ *
+ * @return 0; -22 for a null @p params; -1 above 1073741824 sectors (512 GiB), with
+ *         the line "** OVER 2TB : <capacity>" and fs_type and root_dir_sectors
+ *         written all the same.
+ */
+int32_t CalcSdParams(uint32_t capacity, SdFormatParams* params);
 
 #ifdef __GNUC__
 #pragma GCC visibility pop

@@ -11,13 +11,15 @@ namespace cardsim {
 
 int BlockDriver::Open(File& file)
 {
+    const std::shared_ptr<Card> card = Inserted();
     const bool for_writing = (file.flags & O_ACCMODE) != O_RDONLY;
-    return for_writing && card().write_protected ? -EROFS : 0;
+    return card && card->model().write_protected && for_writing ? -EROFS : 0;
 }
 
 int64_t BlockDriver::Seek(File& file, int64_t offset, int whence)
 {
-    const int64_t end = int64_t{card().sectors} * SIM_SECTOR_SIZE;
+    const std::shared_ptr<Card> card = Inserted();
+    const int64_t end = card ? int64_t{card->model().sectors} * SIM_SECTOR_SIZE : 0;
     const int64_t base = whence == SEEK_CUR   ? static_cast<int64_t>(file.position)
                          : whence == SEEK_END ? end
                                               : 0;
@@ -30,14 +32,22 @@ int64_t BlockDriver::Seek(File& file, int64_t offset, int whence)
 
 int64_t BlockDriver::Read(File& file, void* to, uint32_t length)
 {
-    const int64_t moved = sim_card_read(&card(), file.position, to, length);
+    const std::shared_ptr<Card> card = Inserted();
+    if (!card) {
+        return -ENXIO;
+    }
+    const int64_t moved = sim_card_read(&card->model(), file.position, to, length);
     file.position += moved > 0 ? static_cast<uint64_t>(moved) : 0;
     return moved;
 }
 
 int64_t BlockDriver::Write(File& file, const void* from, uint32_t length)
 {
-    const int64_t moved = sim_card_write(&card(), file.position, from, length);
+    const std::shared_ptr<Card> card = Inserted();
+    if (!card) {
+        return -ENXIO;
+    }
+    const int64_t moved = sim_card_write(&card->model(), file.position, from, length);
     file.position += moved > 0 ? static_cast<uint64_t>(moved) : 0;
     return moved;
 }
@@ -53,9 +63,18 @@ static int PutInProgram(void*, uintptr_t to, const void* from, uint32_t length)
     return 0;
 }
 
+static int GetFromProgram(void*, void* to, uintptr_t from, uint32_t length)
+{
+    if (from == 0) {
+        return -EFAULT;
+    }
+    std::memcpy(to, reinterpret_cast<const void*>(from), length);
+    return 0;
+}
+
 const sim_memory& ProgramMemory()
 {
-    static constexpr sim_memory kMemory = {PutInProgram, nullptr};
+    static constexpr sim_memory kMemory = {PutInProgram, GetFromProgram, nullptr};
     return kMemory;
 }
 

@@ -13,15 +13,19 @@ namespace cardsim {
 
 class BlockDriver : public Driver {
 public:
+    // A node whose card stays where it is. Null is for drivers that override
+    // Inserted.
     explicit BlockDriver(std::shared_ptr<Card> card) : card_(std::move(card)) {}
 
+    // A protected card can be opened for reading only.
     int Open(File& file) override;
     int64_t Seek(File& file, int64_t offset, int whence) override;
     int64_t Read(File& file, void* to, uint32_t length) override;
     int64_t Write(File& file, const void* from, uint32_t length) override;
 
 protected:
-    sim_card& card() { return card_->model(); }
+    // The card that is there now, or null.
+    virtual std::shared_ptr<Card> Inserted() { return card_; }
 
 private:
     std::shared_ptr<Card> card_;

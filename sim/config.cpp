@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include "sim/ricoh_driver.h"
+#include "sim/zel_driver.h"
 
 namespace cardsim {
 
@@ -73,24 +74,56 @@ std::string Beside(const std::string& file, const std::string& name)
                                                              : file.substr(0, slash + 1) + name;
 }
 
-void AddCard(Kernel& kernel, const json& object, const std::string& file)
+// What a description has brought about so far.
+struct Setting {
+    Kernel& kernel;
+    std::string file;
+    std::shared_ptr<ZelSlots> slots;  // once a slot is named
+
+    ZelSlots& Slots()
+    {
+        if (!slots) {
+            slots = ZelSlots::Create(kernel);
+        }
+        return *slots;
+    }
+};
+
+unsigned UnitIn(const json& object)
 {
-    AllowOnly(object, "a card", {"driver", "image", "write_protected", "cid", "csd", "sd_status"});
+    const json unit = object.value("unit", json(0u));
+    if (!unit.is_number_unsigned() || unit.get<uint64_t>() >= SIM_ZEL_SLOTS) {
+        throw std::runtime_error("\"unit\" goes from 0 to " + std::to_string(SIM_ZEL_SLOTS - 1));
+    }
+    return unit.get<unsigned>();
+}
+
+void AddCard(Setting& setting, const json& object)
+{
+    AllowOnly(object, "a card",
+              {"driver", "unit", "image", "write_protected", "cid", "csd", "sd_status"});
     const auto driver = object.at("driver").get<std::string>();
-    if (driver != "ricoh-sd") {
-        throw std::runtime_error("there is no driver \"" + driver + "\"; there is \"ricoh-sd\"");
+    if (driver != "ricoh-sd" && driver != "zel") {
+        throw std::runtime_error("there is no driver \"" + driver +
+                                 "\"; there are \"ricoh-sd\" and \"zel\"");
     }
     const auto image = object.at("image").get<std::string>();
     if (image.empty()) {
         throw std::runtime_error("\"image\" is empty");
     }
     std::shared_ptr<Card> card =
-        Card::FromImage(Beside(file, image), object.value("write_protected", false));
+        Card::FromImage(Beside(setting.file, image), object.value("write_protected", false));
     sim_card& model = card->model();
     SetRegister(object, "cid", model.cid, sizeof model.cid);
     SetRegister(object, "csd", model.csd, sizeof model.csd);
     SetRegister(object, "sd_status", model.sd_status, sizeof model.sd_status);
-    AddRicohCard(kernel, std::move(card));
+    if (driver == "zel") {
+        setting.Slots().Insert(UnitIn(object), std::move(card));
+    } else if (object.contains("unit")) {
+        throw std::runtime_error("the \"ricoh-sd\" driver has no units");
+    } else {
+        AddRicohCard(setting.kernel, std::move(card));
+    }
 }
 
 CallKind KindNamed(const std::string& name)
@@ -130,19 +163,49 @@ uint32_t RequestNumber(const std::string& text)
     return static_cast<uint32_t>(number);
 }
 
-void AddFault(Kernel& kernel, const json& object)
+// How often, or the how manieth: from 1 on, and 1 where it is not said.
+uint64_t CountIn(const json& object, const char* key)
 {
-    AllowOnly(object, "a fault", {"call", "node", "request", "first", "times", "errno"});
+    const json count = object.value(key, json(1u));
+    if (!count.is_number_unsigned() || count.get<uint64_t>() == 0) {
+        throw std::runtime_error(std::string("\"") + key + "\" counts from 1");
+    }
+    return count.get<uint64_t>();
+}
+
+// What takes out the card behind a node.
+std::function<void()> EjectFrom(Setting& setting, const std::string& node)
+{
+    for (unsigned unit = 0; unit < SIM_ZEL_SLOTS; unit++) {
+        if (node == ZelBlockNode(unit)) {
+            setting.Slots();
+            return [slots = setting.slots, unit] { slots->Eject(unit); };
+        }
+    }
+    throw std::runtime_error("no card can be ejected from \"" + node + "\"");
+}
+
+void AddFault(Setting& setting, const json& object)
+{
+    AllowOnly(object, "a fault", {"call", "node", "request", "first", "times", "errno", "eject"});
     Fault fault;
     fault.kind = KindNamed(object.at("call").get<std::string>());
     fault.node = object.value("node", "");
     if (object.contains("request")) {
         fault.request = RequestNumber(object.at("request").get<std::string>());
     }
-    fault.first = object.value("first", uint64_t{1});
-    fault.times = object.value("times", uint64_t{1});
-    fault.error = ErrnoNamed(object.at("errno").get<std::string>());
-    kernel.Inject(std::move(fault));
+    fault.first = CountIn(object, "first");
+    fault.times = CountIn(object, "times");
+    if (object.contains("errno")) {
+        fault.error = ErrnoNamed(object.at("errno").get<std::string>());
+    }
+    if (object.contains("eject")) {
+        fault.then = EjectFrom(setting, object.at("eject").get<std::string>());
+    }
+    if (fault.error == 0 && !fault.then) {
+        throw std::runtime_error("a fault needs \"errno\" or \"eject\"");
+    }
+    setting.kernel.Inject(std::move(fault));
 }
 
 void AddFromDescription(Kernel& kernel, const std::string& path)
@@ -153,11 +216,12 @@ void AddFromDescription(Kernel& kernel, const std::string& path)
     }
     const json description = json::parse(file);
     AllowOnly(description, "the description", {"cards", "faults"});
+    Setting setting = {kernel, path, nullptr};
     for (const json& card : description.at("cards")) {
-        AddCard(kernel, card, path);
+        AddCard(setting, card);
     }
     for (const json& fault : description.value("faults", json::array())) {
-        AddFault(kernel, fault);
+        AddFault(setting, fault);
     }
 }
 

@@ -7,6 +7,7 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include <pthread.h>
@@ -45,6 +46,18 @@ bool IsLowBlock(const void*)
 int RunOnLowStack(const std::function<int()>& body)
 {
     return body();
+}
+
+LowThread::LowThread(std::function<void()> body) : body_(std::move(body))
+{
+    if (pthread_create(&thread_, nullptr, Run, this) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
+LowThread::~LowThread()
+{
+    pthread_join(thread_, nullptr);
 }
 
 #else
@@ -146,18 +159,6 @@ Arena& TheArena()
     return *arena;
 }
 
-struct LowCall {
-    const std::function<int()>* body;
-    int result;
-};
-
-void* Run(void* argument)
-{
-    auto* call = static_cast<LowCall*>(argument);
-    call->result = (*call->body)();
-    return nullptr;
-}
-
 }  // namespace
 
 void* LowAllocate(size_t length)
@@ -179,22 +180,38 @@ bool IsLowBlock(const void* block)
 
 int RunOnLowStack(const std::function<int()>& body)
 {
-    void* stack = MapLow(kStackSize);
+    int result = -1;
+    {
+        const LowThread thread([&] { result = body(); });
+    }
+    return result;
+}
+
+LowThread::LowThread(std::function<void()> body)
+    : body_(std::move(body)), stack_(MapLow(kStackSize))
+{
     pthread_attr_t attributes;
-    pthread_t thread;
-    LowCall call = {&body, -1};
     pthread_attr_init(&attributes);
-    if (stack == nullptr || pthread_attr_setstack(&attributes, stack, kStackSize) != 0 ||
-        pthread_create(&thread, &attributes, Run, &call) != 0) {
+    if (stack_ == nullptr || pthread_attr_setstack(&attributes, stack_, kStackSize) != 0 ||
+        pthread_create(&thread_, &attributes, Run, this) != 0) {
         throw std::bad_alloc();
     }
     pthread_attr_destroy(&attributes);
-    pthread_join(thread, nullptr);
-    munmap(stack, kStackSize);
-    return call.result;
+}
+
+LowThread::~LowThread()
+{
+    pthread_join(thread_, nullptr);
+    munmap(stack_, kStackSize);
 }
 
 #endif
+
+void* LowThread::Run(void* self)
+{
+    static_cast<LowThread*>(self)->body_();
+    return nullptr;
+}
 
 LowBuffer::LowBuffer(size_t size) : size_(size), bytes_(static_cast<uint8_t*>(LowAllocate(size)))
 {

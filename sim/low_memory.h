@@ -11,6 +11,8 @@
 #include <functional>
 #include <memory>
 
+#include <pthread.h>
+
 namespace cardsim {
 
 // Null when there is none left. Blocks are aligned as malloc's.
@@ -22,6 +24,22 @@ bool IsLowBlock(const void* block);
 
 // Run `body` with its stack below 4 GiB and return its result.
 int RunOnLowStack(const std::function<int()>& body);
+
+// A thread with its stack below 4 GiB. Destruction waits for its end.
+class LowThread {
+public:
+    explicit LowThread(std::function<void()> body);
+    ~LowThread();
+    LowThread(const LowThread&) = delete;
+    LowThread& operator=(const LowThread&) = delete;
+
+private:
+    static void* Run(void* self);
+
+    std::function<void()> body_;
+    void* stack_ = nullptr;
+    pthread_t thread_;
+};
 
 // A zeroed buffer below 4 GiB for a program's data.
 class LowBuffer {

@@ -13,7 +13,7 @@ public:
 
     int Ioctl(File&, uint32_t request, uintptr_t argument) override
     {
-        return sim_ricoh_request(&card(), request, &ProgramMemory(), argument);
+        return sim_ricoh_request(&Inserted()->model(), request, &ProgramMemory(), argument);
     }
 };
 

@@ -22,6 +22,8 @@
 struct sim_memory {
     /* Copy `length` bytes to the program's address `to`: 0 or -EFAULT. */
     int (*put)(void *context, uintptr_t to, const void *from, uint32_t length);
+    /* Copy `length` bytes from the program's address `from`: 0 or -EFAULT. */
+    int (*get)(void *context, void *to, uintptr_t from, uint32_t length);
     void *context;
 };
 

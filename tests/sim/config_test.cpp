@@ -175,7 +175,7 @@ TEST_F(ConfigTest, RefusesWrongRegisters)
 
 TEST_F(ConfigTest, RefusesWrongCards)
 {
-    EXPECT_EQ("there is no driver \"mmc\"; there is \"ricoh-sd\"",
+    EXPECT_EQ("there is no driver \"mmc\"; there are \"ricoh-sd\" and \"zel\"",
               ErrorOfCard(R"("driver": "mmc", "image": "card.img")"));
     EXPECT_EQ("\"image\" is empty", ErrorOfCard(R"("driver": "ricoh-sd", "image": "")"));
     EXPECT_EQ("a card knows no \"images\"",
@@ -286,9 +286,15 @@ TEST_F(ConfigTest, RefusesWrongFaults)
               ErrorOfFault(R"("call": "read", "errno": "EIO", "time": 2)"));
     EXPECT_EQ("a fault must be an object in braces", ErrorOf(R"({"cards": [], "faults": [1]})"));
     EXPECT_NE(std::string::npos, ErrorOfFault(R"("errno": "EIO")").find("'call' not found"));
-    EXPECT_NE(std::string::npos, ErrorOfFault(R"("call": "read")").find("'errno' not found"));
-    EXPECT_NE(std::string::npos,
-              ErrorOfFault(R"("call": "read", "errno": "EIO", "first": "2")").find("must be numb"));
+    EXPECT_EQ("a fault needs \"errno\" or \"eject\"", ErrorOfFault(R"("call": "read")"));
+    for (const char* count : {"0", "-1", "\"2\"", "1.5", "null"}) {
+        EXPECT_EQ(
+            "\"first\" counts from 1",
+            ErrorOfFault(std::string(R"("call": "read", "errno": "EIO", "first": )") + count));
+        EXPECT_EQ(
+            "\"times\" counts from 1",
+            ErrorOfFault(std::string(R"("call": "read", "errno": "EIO", "times": )") + count));
+    }
     AddFromFile(kernel, folder.Path("card.img"));
     const int fd = open64(kNode, O_RDWR);
     uint8_t byte = 0;

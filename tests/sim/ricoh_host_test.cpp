@@ -52,7 +52,7 @@ protected:
 
     int Request(uint32_t request, uintptr_t argument)
     {
-        const sim_memory program = {Memory::Put, &memory};
+        const sim_memory program = {Memory::Put, nullptr, &memory};
         return sim_ricoh_request(&card, request, &program, argument);
     }
 

@@ -1,0 +1,54 @@
+// SPDX-License-Identifier: MIT
+//
+// The scatter-gather table that a driver reads: where a direct transfer's data
+// lie in the caller's memory.
+#ifndef CARDDEV_COMMON_SG_TABLE_H
+#define CARDDEV_COMMON_SG_TABLE_H
+
+#include <stdint.h>
+
+// A word that the driver reads with its least significant byte first, whatever
+// the processor's own order.
+class LittleEndian32 {
+public:
+    uint32_t Get() const { return Swap(stored_); }
+    void Set(uint32_t value) { stored_ = Swap(value); }
+    // As it stands in memory, for records that carry it on unread.
+    uint32_t Stored() const { return stored_; }
+
+private:
+    static uint32_t Swap(uint32_t word)
+    {
+        return __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? __builtin_bswap32(word) : word;
+    }
+
+    uint32_t stored_;
+};
+
+struct SgEntry {
+    LittleEndian32 addr;  // where the piece starts
+    LittleEndian32 len;   // its bytes, 1 to SG_MAX_LEN; SG_END on the last of a list
+};
+
+static_assert(sizeof(SgEntry) == 8);
+
+constexpr int32_t SG_TABLE_ENTRIES = 2048;
+constexpr uint32_t SG_MAX_LEN = 65536;
+constexpr uint32_t SG_END = 0x80000000;
+
+// Memory for a table, or null with errno set; SgFree gives it back. The table has
+// one entry's room in front: the end mark of an empty list goes there.
+SgEntry* SgAllocate();
+void SgFree(SgEntry* table);
+
+// Add the buffer [addr, addr + len) behind the first `index` entries: merged into
+// the last of them where it continues that one and both fit into SG_MAX_LEN, else
+// as new entries of at most SG_MAX_LEN. Returns the entries in use; a number from
+// SG_TABLE_ENTRIES on means overflow. The last slot counts as overflow even when
+// everything fitted.
+int32_t SgAppend(SgEntry* table, int32_t index, uint32_t addr, uint32_t len);
+
+// Mark the last of `used` entries as the list's end.
+void SgMarkEnd(SgEntry* table, int32_t used);
+
+#endif

@@ -1,0 +1,58 @@
+/* SPDX-License-Identifier: MIT */
+/**
+ * @file carddev_state.h
+ * @brief The units' records, exported for debuggers and board tests. Programs
+ *        have no need of them; read, never write.
+ */
+#ifndef CARDDEV_STATE_H
+#define CARDDEV_STATE_H
+
+#include <pthread.h>
+
+#include "carddev.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifdef __GNUC__
+#pragma GCC visibility push(default)
+#endif
+
+struct SgEntry;
+
+/** Units of the Zel driver. */
+#define ZEL_UNITS 6
+
+/**
+ * One slot of the Zel driver. A descriptor of 0 counts as not open. After a failed
+ * DevInit the descriptors keep the numbers of what has been closed again.
+ */
+typedef struct ZelDevice {
+    uint32_t index;             /**< the handle's dev_index */
+    int32_t blk_fd;             /**< "/dev/spda" and following: plain transfers, size */
+    int32_t dev_fd;             /**< the handle's own path */
+    int32_t chr_fd;             /**< "/dev/spdra" and following: requests, events */
+    int32_t rt_fd;              /**< "/dev/rtctrl_zel" */
+    pthread_mutex_t lock;       /**< one status query or one use of the table at a time */
+    struct SgEntry* sg_table;   /**< 2048 entries */
+    uint8_t* secure_buf;        /**< cached SD status, or null */
+    CardInfo* reg_buf;          /**< cached registers, or null */
+    CardSpeedInfo* speed_buf;   /**< cached speed record, or null */
+    uint8_t io_error;           /**< 1 once a direct request gave up; writes are refused */
+    uint32_t eject_arg;         /**< from CARD_Init */
+    CardEjectCallback eject_cb; /**< from CARD_Init, or null */
+    uint8_t ejected;            /**< 1 once the card was found gone */
+} ZelDevice;
+
+extern ZelDevice zel_dev[ZEL_UNITS];
+
+#ifdef __GNUC__
+#pragma GCC visibility pop
+#endif
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* CARDDEV_STATE_H */

@@ -1,0 +1,156 @@
+// SPDX-License-Identifier: MIT
+//
+// The real-time control node, and the generic requests, most of which go there.
+#include <sys/ioctl.h>
+
+#include "common/latch.h"
+#include "zel/zel.h"
+
+#define LOG_TAG "zel"
+#include "common/log.h"
+
+namespace {
+
+// The control node knows a unit by the first of its 16 block minors.
+uint32_t RtChannel(const ZelDevice* dev)
+{
+    return 16 * dev->index + 1;
+}
+
+// The first word of the caller's record names the unit; the record may lie at any
+// address.
+void SetRecordChannel(void* record, uint32_t channel)
+{
+    memcpy(record, &channel, sizeof channel);
+}
+
+}  // namespace
+
+int32_t Zel_Ioctl(DrvInfo* handle, uint32_t request, void* argument)
+{
+    ZelDevice* dev = ZelDeviceOf(handle);
+    Zel_CheckEject(dev);
+    if (dev == nullptr) {
+        return -ENODEV;
+    }
+    if (IsLatched(&dev->ejected)) {
+        return -EIO;
+    }
+    const uint32_t channel = RtChannel(dev);
+    const unsigned long channel_word = channel;
+    switch (request) {
+        case DEV_IOCTL_RT_45:
+            return ioctl(dev->rt_fd, RTCTRL_IOC_15, channel_word);
+        case DEV_IOCTL_RT_40:
+            if (argument == nullptr) {
+                return -EINVAL;
+            }
+            SetRecordChannel(argument, channel);
+            return ioctl(dev->rt_fd, RTCTRL_IOC_14, argument);
+        case DEV_IOCTL_RT_41:
+            if (argument == nullptr) {
+                return -EINVAL;
+            }
+            SetRecordChannel(argument, channel);
+            return ioctl(dev->rt_fd, RTCTRL_IOC_18, argument);
+        case DEV_IOCTL_RT_42:
+            // Asked for, though it is not used.
+            if (argument == nullptr) {
+                return -EINVAL;
+            }
+            return ioctl(dev->rt_fd, RTCTRL_IOC_1B, channel_word);
+        case DEV_IOCTL_DEVICE_PARAMS:
+            return ioctl(dev->dev_fd, ZEL_GET_DEVICE_PARAMS, argument);
+        default:
+            return -ENOTTY;
+    }
+}
+
+int32_t Zel_CheckRt(DrvInfo* handle)
+{
+    uint8_t status = 0;
+    const ZelDevice* dev = ZelDeviceOf(handle);
+    if (dev == nullptr) {
+        LOG_ERROR("Cannot get driver info!\n");
+        return -ENODEV;
+    }
+    if (dev->rt_fd == 0) {
+        LOG_ERROR("Invalid rt_fd!\n");
+        return -ENODEV;
+    }
+    if (ioctl(dev->rt_fd, RTCTRL_IOC_CHECK_RT_STATUS, &status) < 0) {
+        LOG_ERROR("RTCTRL_IOC_CHECK_RT_STATUS ioctl failed : %s\n", strerror(errno));
+        return -errno;
+    }
+    return status;
+}
+
+int32_t Zel_CheckDelay(DrvInfo* handle)
+{
+    uint8_t status = 0;
+    const ZelDevice* dev = ZelDeviceOf(handle);
+    if (dev == nullptr) {
+        LOG_ERROR("Cannot get driver info!\n");
+        return -ENODEV;
+    }
+    if (dev->rt_fd == 0) {
+        LOG_ERROR("Invalid rt_fd!\n");
+        return -ENODEV;
+    }
+    if (ioctl(dev->rt_fd, RTCTRL_IOC_CHECK_DELAY_STATUS, &status) < 0) {
+        LOG_ERROR("RTCTRL_IOC_CHECK_DELAY_STATUS ioctl failed : %s\n", strerror(errno));
+        return -errno;
+    }
+    return status;
+}
+
+int32_t Zel_RTOn4Wait(DrvInfo* handle)
+{
+    uint8_t status = 0;
+    const ZelDevice* dev = ZelDeviceOf(handle);
+    if (dev == nullptr) {
+        LOG_ERROR("Cannot get driver info!\n");
+        return -ENODEV;
+    }
+    if (dev->rt_fd == 0) {
+        LOG_ERROR("Invalid rt_fd!\n");
+        return -ENODEV;
+    }
+    if (ioctl(dev->rt_fd, RTCTRL_IOC_IS_RTON4WAIT, &status) < 0) {
+        LOG_ERROR("RTCTRL_IOC_IS_RTON4WAIT ioctl failed : %s\n", strerror(errno));
+        return -errno;
+    }
+    return status;
+}
+
+void Zel_LockRTOn(DrvInfo* handle)
+{
+    const ZelDevice* dev = ZelDeviceOf(handle);
+    if (dev == nullptr) {
+        LOG_ERROR("Cannot get driver info!\n");
+        return;
+    }
+    if (dev->rt_fd == 0) {
+        LOG_ERROR("Invalid rt_fd!\n");
+        return;
+    }
+    if (ioctl(dev->rt_fd, RTCTRL_IOC_LOCK_RTON, nullptr) < 0) {
+        LOG_ERROR("RTCTRL_IOC_LOCK_RTON failed : %s\n", strerror(errno));
+    }
+}
+
+void Zel_UnlockRTOn(DrvInfo* handle)
+{
+    const ZelDevice* dev = ZelDeviceOf(handle);
+    if (dev == nullptr) {
+        LOG_ERROR("Cannot get driver info!\n");
+        return;
+    }
+    if (dev->rt_fd == 0) {
+        LOG_ERROR("Invalid rt_fd!\n");
+        return;
+    }
+    if (ioctl(dev->rt_fd, RTCTRL_IOC_UNLOCK_RTON, nullptr) < 0) {
+        LOG_ERROR("RTCTRL_IOC_UNLOCK_RTON failed : %s\n", strerror(errno));
+    }
+}
