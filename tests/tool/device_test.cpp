@@ -211,7 +211,7 @@ TEST_F(OtherBackEnds, FailWithSmallOrHugeSizes)
         EXPECT_EQ(ExitCode::InputOutput, EndOf([&] { device.Sectors(); }).code);
         answers = {0xFFFFFFFB, 0, 0};
         const End gone = EndOf([&] { device.Sectors(); });
-        EXPECT_EQ(ExitCode::InputOutput, gone.code);
+        EXPECT_EQ(ExitCode::Removed, gone.code);
         EXPECT_TRUE(Says(gone, "removed")) << gone.what;
         answers = {11, 0, 0};
         EXPECT_EQ(11u, device.Sectors());
@@ -238,7 +238,7 @@ TEST_F(OtherBackEnds, SayWhenTheCardHasGone)
     Device device(Handle(DEV_TYPE_MIVO));
     answers = {0, 0, CARD_CODE_REMOVED};
     const End end = EndOf([&] { device.Status(); });
-    EXPECT_EQ(ExitCode::InputOutput, end.code);
+    EXPECT_EQ(ExitCode::Removed, end.code);
     EXPECT_TRUE(Says(end, "removed")) << end.what;
 }
 

@@ -24,7 +24,7 @@ SECTORS = 1000  # a size that no round number of sectors divides
 TIMEOUT = 120
 
 OK, UNEXPECTED, USAGE, NO_DEVICE, NOT_A_CARD = 0, 1, 2, 3, 4
-READ_ONLY, PERMISSION, INPUT_OUTPUT, REFUSED = 7, 8, 9, 12
+REMOVED, READ_ONLY, PERMISSION, INPUT_OUTPUT, REFUSED = 5, 7, 8, 9, 12
 
 BANNER = "Wrapper low-level driver"  # begins the library's line on opening
 
@@ -97,11 +97,11 @@ class CardtoolTest(unittest.TestCase):
 class HelpTest(CardtoolTest):
     def test_help_has_examples_and_every_exit_code(self):
         text = self.succeed(self.run_tool("--help")).decode()
-        for command in ("detect", "info", "size", "status", "read", "write"):
+        for command in ("detect", "info", "size", "status", "format-params", "read", "write"):
             self.assertRegex(text, rf"(?m)^  {command} ")
         self.assertIn("cardtool read /dev/sdcarda", text)
         self.assertIn("standard error", text)
-        for code in (0, 1, 2, 3, 4, 7, 8, 9, 12):
+        for code in (0, 1, 2, 3, 4, 5, 7, 8, 9, 12):
             self.assertRegex(text, rf"(?m)^ *{code}  \w")
 
     def test_help_of_a_command(self):
@@ -589,6 +589,93 @@ class SimulationTest(CardtoolTest):
         if os.path.exists(DEVICE):
             self.skipTest("this machine has such a card")
         self.fail_with(NO_DEVICE, self.run_tool("size", DEVICE), DEVICE)
+
+
+class SlotTest(CardtoolTest):
+    """A card in a slot that offers direct transfers and notices an eject."""
+
+    NODE = "/dev/spdb"
+
+    def slot(self, *faults):
+        return self.description({"driver": "zel", "unit": 1}, faults)
+
+    def test_info(self):
+        text = self.succeed(self.on_card("info", self.NODE, sim=self.slot())).decode()
+        self.assertRegex(text, r"back-end: +Zel, unit 1")
+        self.assertRegex(text, r"size: +1000 sectors")
+
+    def test_reads_the_whole_card_directly(self):
+        copy = self.path("copy.img")
+        self.succeed(self.on_card("read", self.NODE, "--direct", "-o", copy, sim=self.slot()))
+        self.assertTrue(pathlib.Path(copy).read_bytes() == self.content)
+
+    def test_writes_directly_just_what_it_was_told(self):
+        new = pattern("new", 300)
+        arguments = ["-i", self.file("new", new), "--first", "101", "--direct", "--yes"]
+        self.succeed(self.on_card("write", self.NODE, *arguments, sim=self.slot()))
+        expected = self.content[: 101 * SECTOR] + new + self.content[401 * SECTOR :]
+        self.assertTrue(self.image.read_bytes() == expected)
+
+    def test_a_busy_card_recovers_with_warnings(self):
+        busy = {"call": "ioctl", "request": "0x2000700d", "times": 9, "errno": "EBUSY"}
+        arguments = ["read", self.NODE, "--direct", "--count", "5", "-o", "-"]
+        result = self.on_card(*arguments, sim=self.slot(busy))
+        self.assertTrue(self.succeed(result) == self.content[: 5 * SECTOR])
+        self.assertEqual(result.stderr.count(b"(device Busy)"), 9)
+
+    def test_a_card_that_stays_busy_ends_it(self):
+        busy = {"call": "ioctl", "request": "0x2000700d", "times": 10, "errno": "EBUSY"}
+        arguments = ["read", self.NODE, "--direct", "-o", self.path("out")]
+        result = self.on_card(*arguments, sim=self.slot(busy))
+        self.fail_with(INPUT_OUTPUT, result, "after 0 of 1000 sectors", "busy")
+
+    def test_an_eject_tells_how_far(self):
+        eject = {"call": "ioctl", "request": "0x2000700d", "first": 2, "eject": self.NODE}
+        arguments = ["read", self.NODE, "--direct", "-o", self.path("out")]
+        result = self.on_card(*arguments, sim=self.slot(eject))
+        lines = self.fail_with(REMOVED, result, "after 512 of 1000 sectors", "removed")
+        self.assertIn("--first 512", lines[1])
+        self.assertTrue(pathlib.Path(self.path("out")).read_bytes() == self.content[: 512 * SECTOR])
+
+    def test_an_eject_during_plain_reads_is_noticed_too(self):
+        eject = {"call": "read", "first": 1, "eject": self.NODE}
+        arguments = ["read", self.NODE, "-o", self.path("out")]
+        result = self.on_card(*arguments, sim=self.slot(eject))
+        self.fail_with(REMOVED, result, "after 256 of 1000 sectors", "removed")
+
+    def test_a_host_without_direct_transfers_says_so(self):
+        result = self.on_card("read", DEVICE, "--direct", "-o", self.path("out"))
+        self.fail_with(INPUT_OUTPUT, result, "direct transfers", "does not offer")
+
+
+class FormatParamsTest(CardtoolTest):
+    def fields(self, *arguments):
+        text = self.succeed(self.on_card("format-params", *arguments)).decode()
+        return [line.split(":")[1].split()[:2] for line in text.splitlines()]
+
+    def test_capacity(self):
+        self.assertEqual(
+            self.fields("15523840"),
+            [
+                ["15523840", "sectors,"],
+                ["FAT32"],
+                ["sector", "8192"],
+                ["sector", "16384"],
+                ["32", "sectors"],
+            ],
+        )
+        self.assertEqual(self.fields("16384")[1:4], [["FAT12"], ["sector", "25"], ["sector", "64"]])
+        self.assertEqual(self.fields("131072")[1], ["FAT16"])
+        self.assertEqual(self.fields("67108865")[1], ["exFAT"])
+
+    def test_card(self):
+        self.assertEqual(self.fields(DEVICE), self.fields(str(SECTORS)))
+
+    def test_no_layout(self):
+        self.fail_with(USAGE, self.run_tool("format-params", "1073741825"), "1073741825 sectors")
+        self.fail_with(USAGE, self.run_tool("format-params", "4294967296"), "4294967296")
+        self.fail_with(NO_DEVICE, self.run_tool("format-params", "-5x"))
+
 
 
 if __name__ == "__main__":

@@ -739,7 +739,7 @@ protected:
             {"Zel_CardGetSize",
              nullptr,
              0xFFFFFFFB,
-             [this](DrvInfo* h) { return zel_ops.CardGetSize(h); },
+             [](DrvInfo* h) { return zel_ops.CardGetSize(h); },
              {}},
         };
     }

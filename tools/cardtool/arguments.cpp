@@ -19,6 +19,10 @@ constexpr char kExamples[] = R"(Examples:
       Look at the card's first sector.
   cardtool write /dev/sdcarda -i boot.bin --first 2048
       Put a file's sectors on the card, after a question.
+  cardtool read /dev/spda --direct -o card.img
+      The same through the driver's direct memory access.
+  cardtool format-params 15523840
+      How is a card of that many sectors to be formatted?
   truncate -s 64M card.img
   cardtool --sim card.img info /dev/sdcarda
       Try the tool without a card.
@@ -31,8 +35,12 @@ Simulated cards:
   --sim takes the image of a card, which appears as /dev/sdcarda, or a .json
   file that describes cards and the faults they are to show:
     {"cards": [{"driver": "ricoh-sd", "image": "card.img",
-                "write_protected": true}],
-     "faults": [{"call": "read", "first": 3, "errno": "EIO"}]}
+                "write_protected": true},
+               {"driver": "zel", "unit": 0, "image": "other.img"}],
+     "faults": [{"call": "read", "first": 3, "errno": "EIO"},
+                {"call": "ioctl", "node": "/dev/spdra", "first": 9,
+                 "eject": "/dev/spda"}]}
+  Nodes are /dev/sdcarda for ricoh-sd and /dev/spda to /dev/spdf for zel.
   Images are taken from the .json file's folder. Writes change the image.
 
 Exit codes:
@@ -73,6 +81,30 @@ void AddFirst(CLI::App* command, Arguments& arguments)
         ->default_str("0");
 }
 
+void AddDirect(CLI::App* command, Arguments& arguments)
+{
+    command->add_flag("--direct", arguments.direct,
+                      "by the driver's direct memory access, in scattered pieces");
+}
+
+// Digits are a capacity, anything else is a device.
+void AddFormatParams(CLI::App& app, Arguments& arguments)
+{
+    CLI::App* added = app.add_subcommand(
+        "format-params", "Say how a card is to be formatted, by its capacity alone");
+    const auto take = [&arguments](const std::string& text) {
+        if (text.find_first_not_of("0123456789") == std::string::npos) {
+            arguments.capacity = SectorNumber("CARD", text);
+        } else {
+            arguments.device = text;
+        }
+    };
+    added
+        ->add_option_function<std::string>("CARD", take, "node of the card, or a number of sectors")
+        ->required();
+    added->callback([&arguments] { arguments.command = Command::FormatParams; });
+}
+
 void AddRead(CLI::App& app, Arguments& arguments)
 {
     CLI::App* read =
@@ -87,6 +119,7 @@ void AddRead(CLI::App& app, Arguments& arguments)
     read->add_option_function<std::string>("--count", take_count,
                                            "how many sectors; all to the card's end if not given")
         ->type_name("SECTORS");
+    AddDirect(read, arguments);
     read->add_option("-o,--output", arguments.file, "file to write; - is standard output")
         ->type_name("FILE")
         ->required();
@@ -102,6 +135,7 @@ void AddWrite(CLI::App& app, Arguments& arguments)
                      "file to read, a whole number of 512-byte sectors; - is standard input")
         ->type_name("FILE")
         ->required();
+    AddDirect(write, arguments);
     write->add_flag("--yes", arguments.yes, "do not ask");
 }
 
@@ -123,6 +157,7 @@ std::optional<Arguments> ParseArguments(int argc, char** argv, Output& results)
     AddCommand(app, arguments, Command::Info, "info", "Show the card's registers, decoded");
     AddCommand(app, arguments, Command::Size, "size", "Show the card's size");
     AddCommand(app, arguments, Command::Status, "status", "Show whether the card is usable");
+    AddFormatParams(app, arguments);
     AddRead(app, arguments);
     AddWrite(app, arguments);
     try {

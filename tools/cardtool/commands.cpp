@@ -133,7 +133,7 @@ std::string Done(const char* what, const Range& range, const std::string& device
 void ReadCard(const Arguments& arguments, Device& device, Output& results)
 {
     const uint32_t there = SectorsFrom(device, arguments.first);
-    const Range range = {arguments.first, arguments.count.value_or(there)};
+    const Range range = {arguments.first, arguments.count.value_or(there), arguments.direct};
     if (range.count > there) {
         throw Failure(ExitCode::Usage,
                       "there is only " + SectorCount(there) + " from sector " +
@@ -154,12 +154,13 @@ void ReadCard(const Arguments& arguments, Device& device, Output& results)
     results.Write(Done("read", range, device.path()));
 }
 
-Range RangeFor(const Input& input, uint32_t first, uint64_t room)
+Range RangeFor(const Input& input, const Arguments& arguments, uint64_t room)
 {
     if (input.size() > room) {
         throw Failure(ExitCode::Usage,
-                      input.name() + " does not fit: from sector " + std::to_string(first) +
-                          " there is room for " + SectorCount(room / CARD_SECTOR_SIZE),
+                      input.name() + " does not fit: from sector " +
+                          std::to_string(arguments.first) + " there is room for " +
+                          SectorCount(room / CARD_SECTOR_SIZE),
                       "nothing was written; give a smaller --first or less input");
     }
     if (input.size() == 0 || input.size() % CARD_SECTOR_SIZE != 0) {
@@ -168,7 +169,8 @@ Range RangeFor(const Input& input, uint32_t first, uint64_t room)
                           " bytes: that is no whole number of 512-byte sectors",
                       "nothing was written; fill the input up with zeros (truncate -s %512 FILE)");
     }
-    return {first, static_cast<uint32_t>(input.size() / CARD_SECTOR_SIZE)};
+    return {arguments.first, static_cast<uint32_t>(input.size() / CARD_SECTOR_SIZE),
+            arguments.direct};
 }
 
 void WriteCard(const Arguments& arguments, Device& device, Output& results)
@@ -179,7 +181,7 @@ void WriteCard(const Arguments& arguments, Device& device, Output& results)
     }
     const uint64_t room = uint64_t{SectorsFrom(device, arguments.first)} * CARD_SECTOR_SIZE;
     Input input(arguments.file, room);
-    const Range range = RangeFor(input, arguments.first, room);
+    const Range range = RangeFor(input, arguments, room);
     if (!arguments.yes) {
         Confirm("Write " + SectorCount(range.count) + " to " + device.path() + " from sector " +
                     std::to_string(range.first) + "? Type yes: ",
@@ -187,6 +189,21 @@ void WriteCard(const Arguments& arguments, Device& device, Output& results)
     }
     WriteSectors(device, range, input);
     results.Write(Done("wrote", range, device.path()));
+}
+
+void ShowFormatParams(uint32_t capacity, Output& results)
+{
+    static constexpr const char* kFileSystems[] = {"FAT12", "FAT16", "FAT32", "exFAT"};
+    SdFormatParams params;
+    if (CalcSdParams(capacity, &params) != 0) {
+        throw Failure(ExitCode::Usage, "there is no layout for a card of " + SectorCount(capacity),
+                      "the largest card that has one holds 1073741824 sectors (512 GiB)");
+    }
+    results.Write(Line("capacity", Capacity(uint64_t{capacity} * CARD_SECTOR_SIZE)) +
+                  Line("file system", kFileSystems[params.fs_type]) +
+                  Line("partition start", "sector " + std::to_string(params.partition_start)) +
+                  Line("data start", "sector " + std::to_string(params.data_start)) +
+                  Line("root directory", SectorCount(params.root_dir_sectors)));
 }
 
 std::unique_ptr<cardsim::Kernel> Simulation(const std::string& file)
@@ -209,6 +226,10 @@ std::unique_ptr<cardsim::Kernel> Simulation(const std::string& file)
 
 void RunCommand(const Arguments& arguments, Output& results)
 {
+    if (arguments.capacity) {
+        ShowFormatParams(*arguments.capacity, results);
+        return;
+    }
     const std::unique_ptr<cardsim::Kernel> simulation = Simulation(arguments.sim);
     const DrvInfo detected = Detect(arguments.device);
     if (arguments.command == Command::Detect) {
@@ -219,6 +240,9 @@ void RunCommand(const Arguments& arguments, Output& results)
     switch (arguments.command) {
         case Command::Size:
             results.Write(SizeText(device) + "\n");
+            break;
+        case Command::FormatParams:
+            ShowFormatParams(device.Sectors(), results);
             break;
         case Command::Status:
             ShowStatus(device, results);

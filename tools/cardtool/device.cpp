@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "tools/cardtool/device.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
+#include "sim/low_memory.h"
 #include "tools/cardtool/failure.h"
 
 namespace {
@@ -11,12 +14,80 @@ namespace {
 constexpr char kSeeLibrary[] =
     "the lines of the library above say more; take the card out, put it in firmly, and try again";
 
-Moved Outcome(const CardIoResult& result, int error)
+// One device is open at a time. The library tells of an eject on this thread, and
+// again at every later look.
+bool ejected;
+
+void NoteEject()
+{
+    ejected = true;
+}
+
+// Why a transfer moved nothing.
+int WhyNothing()
+{
+    if (ejected) {
+        return ENOMEDIUM;
+    }
+    return errno != 0 ? errno : EIO;
+}
+
+Moved Outcome(const CardIoResult& result)
 {
     if (result.error != 0) {
-        return {0, error != 0 ? error : EIO};
+        return {0, WhyNothing()};
     }
     return {static_cast<uint32_t>(result.length) / CARD_SECTOR_SIZE, 0};
+}
+
+// Pieces of memory that do not touch each other, and the list that names them.
+class ScatteredPieces {
+public:
+    explicit ScatteredPieces(uint32_t sectors)
+        : length_(sectors * CARD_SECTOR_SIZE),
+          count_((length_ + kPiece - 1) / kPiece),
+          memory_(size_t{count_} * kStride),
+          list_(sizeof(MemoryChunkArray) + count_ * sizeof(MemoryChunk))
+    {
+        list()->count = count_;
+        for (uint32_t i = 0; i < count_; i++) {
+            list()->chunk[i] = {memory_.address() + i * kStride,
+                                std::min(kPiece, length_ - i * kPiece)};
+        }
+    }
+
+    MemoryChunkArray* list() { return reinterpret_cast<MemoryChunkArray*>(list_.data()); }
+
+    void Fill(const void* from)
+    {
+        for (uint32_t i = 0; i < count_; i++) {
+            std::memcpy(memory_.data() + i * kStride,
+                        static_cast<const uint8_t*>(from) + i * kPiece, list()->chunk[i].len);
+        }
+    }
+
+    void Gather(void* to)
+    {
+        for (uint32_t i = 0; i < count_; i++) {
+            std::memcpy(static_cast<uint8_t*>(to) + i * kPiece, memory_.data() + i * kStride,
+                        list()->chunk[i].len);
+        }
+    }
+
+private:
+    static constexpr uint32_t kPiece = 10000;  // on purpose no whole number of sectors
+    static constexpr uint32_t kStride = 12288;
+
+    uint32_t length_;
+    uint32_t count_;
+    cardsim::LowBuffer memory_;
+    cardsim::LowBuffer list_;
+};
+
+// Mivo counts direct transfers in sectors, Zel in bytes.
+uint32_t DirectLength(int32_t type, uint32_t sectors)
+{
+    return type == DEV_TYPE_MIVO ? sectors : sectors * CARD_SECTOR_SIZE;
 }
 
 }  // namespace
@@ -62,6 +133,10 @@ Device::Device(const DrvInfo& detected) : path_(detected.dev_path), handle_(dete
 {
     errno = 0;
     if (DevInit(&handle_) >= 0) {
+        ejected = false;
+        if (handle_.ops->CardInit != nullptr) {
+            CARD_Init(&handle_, 0, NoteEject);
+        }
         return;
     }
     // A unit number out of range is the one failure without an errno value.
@@ -90,8 +165,8 @@ void Device::Check(int32_t code, const char* what) const
         return;
     }
     const std::string failed = "cannot get " + std::string(what) + " of " + path_ + ": ";
-    if (code == CARD_CODE_REMOVED) {
-        throw Failure(ExitCode::InputOutput, failed + "the card was removed or changed",
+    if (code == CARD_CODE_REMOVED || ejected) {
+        throw Failure(ExitCode::Removed, failed + "the card was removed or changed",
                       "put the card in and start again");
     }
     const std::string reason =
@@ -151,12 +226,43 @@ std::array<uint8_t, CARD_SD_STATUS_SIZE> Device::SdStatus()
     return status;
 }
 
+Moved Device::DirectOutcome(int32_t result) const
+{
+    if (result < 0) {
+        return {0, WhyNothing()};
+    }
+    return {static_cast<uint32_t>(result) / DirectLength(type(), 1), 0};
+}
+
+Moved Device::DirectRead(uint32_t first, uint32_t sectors, void* to)
+{
+    Need(handle_.ops->DrctRead != nullptr, "direct transfers");
+    ScatteredPieces pieces(sectors);
+    errno = 0;
+    const int32_t result =
+        DevDrctRead(&handle_, first, DirectLength(type(), sectors), pieces.list());
+    pieces.Gather(to);
+    return DirectOutcome(result);
+}
+
+Moved Device::DirectWrite(uint32_t first, uint32_t sectors, const void* from)
+{
+    Need(handle_.ops->DrctWrite != nullptr, "direct transfers");
+    ScatteredPieces pieces(sectors);
+    pieces.Fill(from);
+    uint32_t retried = 0;
+    errno = 0;
+    const int32_t result =
+        DevDrctWrite(&handle_, first, DirectLength(type(), sectors), pieces.list(), 0, &retried);
+    return DirectOutcome(result);
+}
+
 Moved Device::Read(uint32_t first, uint32_t sectors, void* to)
 {
     CardIoResult result = {};
     errno = 0;
     CARD_Read(&handle_, to, sectors, first, 0, &result);
-    return Outcome(result, errno);
+    return Outcome(result);
 }
 
 Moved Device::Write(uint32_t first, uint32_t sectors, const void* from)
@@ -164,5 +270,5 @@ Moved Device::Write(uint32_t first, uint32_t sectors, const void* from)
     CardIoResult result = {};
     errno = 0;
     CARD_Write(&handle_, from, sectors, first, 0, &result);
-    return Outcome(result, errno);
+    return Outcome(result);
 }

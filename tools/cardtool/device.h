@@ -18,7 +18,8 @@ DrvInfo Detect(const std::string& path);
 std::string BackEndOf(const DrvInfo& handle);
 
 // What a transfer came to. Less than was asked for is a failure; `error` is its
-// errno value, or 0 when the driver just stopped.
+// errno value, ENOMEDIUM when the card has gone, or 0 when the driver just
+// stopped.
 struct Moved {
     uint32_t sectors;
     int error;
@@ -45,12 +46,16 @@ public:
     // The buffers must lie below 4 GiB.
     Moved Read(uint32_t first, uint32_t sectors, void* to);
     Moved Write(uint32_t first, uint32_t sectors, const void* from);
+    // The same by the driver's direct memory access, in pieces that lie apart.
+    Moved DirectRead(uint32_t first, uint32_t sectors, void* to);
+    Moved DirectWrite(uint32_t first, uint32_t sectors, const void* from);
 
 private:
     // Throws unless the back-end has the operation.
     void Need(bool offered, const char* what) const;
     // Throws unless the card code means success.
     void Check(int32_t code, const char* what) const;
+    Moved DirectOutcome(int32_t result) const;
 
     std::string path_;
     DrvInfo handle_;

@@ -17,6 +17,7 @@ constexpr Kind kKinds[] = {
     {ExitCode::Usage, "usage: the command line asks for what cannot be"},
     {ExitCode::NoSuchDevice, "no such device"},
     {ExitCode::NotACard, "not a card: no device, or one that no back-end serves"},
+    {ExitCode::Removed, "the card was taken out or exchanged"},
     {ExitCode::ReadOnly, "the card is write-protected"},
     {ExitCode::PermissionDenied, "permission denied"},
     {ExitCode::InputOutput, "input/output error on the card or on a file"},

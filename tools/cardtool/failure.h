@@ -15,6 +15,7 @@ enum class ExitCode : int {
     Usage = 2,             // the command line asks for what cannot be
     NoSuchDevice = 3,      // no node of that name, or nothing behind it
     NotACard = 4,          // a file that is no device, or a device that is no card
+    Removed = 5,           // the card was taken out or exchanged meanwhile
     ReadOnly = 7,          // a write to a protected card
     PermissionDenied = 8,  // the system does not let this user
     InputOutput = 9,       // a transfer, a query, or a file failed

@@ -14,13 +14,18 @@ constexpr uint32_t kChunkSectors = 256;
 
 std::string Reason(int error)
 {
+    if (error == ENOMEDIUM) {
+        return "the card was removed or changed";
+    }
     return error == 0 ? "the driver moved only part of it" : std::strerror(error);
 }
 
 Failure Stopped(const std::string& what, Range range, uint32_t done, int error,
                 const std::string& next)
 {
-    const ExitCode code = error == EROFS ? ExitCode::ReadOnly : ExitCode::InputOutput;
+    const ExitCode code = error == EROFS       ? ExitCode::ReadOnly
+                          : error == ENOMEDIUM ? ExitCode::Removed
+                                               : ExitCode::InputOutput;
     return {code,
             what + " stopped at sector " + std::to_string(range.first + done) + " after " +
                 std::to_string(done) + " of " + SectorCount(range.count) + ": " + Reason(error),
@@ -56,7 +61,9 @@ void ReadSectors(Device& device, Range range, Output& output)
     uint32_t done = 0;
     while (done < range.count) {
         const uint32_t asked = std::min(kChunkSectors, range.count - done);
-        const Moved moved = device.Read(range.first + done, asked, buffer.data());
+        const Moved moved = range.direct
+                                ? device.DirectRead(range.first + done, asked, buffer.data())
+                                : device.Read(range.first + done, asked, buffer.data());
         output.Write(buffer.data(), size_t{moved.sectors} * CARD_SECTOR_SIZE);
         done += moved.sectors;
         if (moved.sectors < asked) {
@@ -75,7 +82,9 @@ void WriteSectors(Device& device, Range range, Input& input)
     while (done < range.count) {
         const uint32_t asked = std::min(kChunkSectors, range.count - done);
         input.Read(buffer.data(), size_t{asked} * CARD_SECTOR_SIZE);
-        const Moved moved = device.Write(range.first + done, asked, buffer.data());
+        const Moved moved = range.direct
+                                ? device.DirectWrite(range.first + done, asked, buffer.data())
+                                : device.Write(range.first + done, asked, buffer.data());
         done += moved.sectors;
         if (moved.sectors < asked) {
             throw Stopped("writing " + device.path(), range, done, moved.error,

@@ -10,10 +10,11 @@
 #include "tools/cardtool/device.h"
 #include "tools/cardtool/files.h"
 
-// A run of sectors that lies on the card.
+// A run of sectors that lies on the card, and how it is moved.
 struct Range {
     uint32_t first;
     uint32_t count;
+    bool direct = false;  // by the driver's direct memory access
 };
 
 // "1 sector", "2 sectors"
