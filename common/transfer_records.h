@@ -30,17 +30,22 @@ struct fsmiw_req {
 };
 
 struct sdcmd_data {
-    uint32_t argument;
+    uint32_t cmd_arg;
     uint32_t length;    // Zel: sectors; Mivo: bytes
     uint32_t sg_table;  // address of the table
     uint32_t sg_bytes;  // length of its used part: entries * 8
 };
 
 struct sdcmd_parm {
-    uint8_t byte0;
-    uint8_t byte1;
+    uint8_t cmd_byte0;
+    uint8_t cmd_byte1;
     uint8_t padding[2];  // not written
-    uint32_t data;       // address of a sdcmd_data
+    uint32_t data;       // address of the sdcmd_data behind it
+};
+
+struct sdcmd_request {
+    sdcmd_parm parm;
+    sdcmd_data data;
 };
 
 static_assert(sizeof(direct_parm) == 16 && offsetof(direct_parm, sectors) == 4);
@@ -50,7 +55,8 @@ static_assert(offsetof(fsmiw_parm, sg_addr) == 8 && offsetof(fsmiw_parm, sg_len)
 static_assert(sizeof(fsmiw_req) == 12 && offsetof(fsmiw_req, parms) == 8);
 static_assert(sizeof(sdcmd_data) == 16 && offsetof(sdcmd_data, length) == 4);
 static_assert(offsetof(sdcmd_data, sg_table) == 8 && offsetof(sdcmd_data, sg_bytes) == 12);
-static_assert(sizeof(sdcmd_parm) == 8 && offsetof(sdcmd_parm, byte1) == 1);
+static_assert(sizeof(sdcmd_parm) == 8 && offsetof(sdcmd_parm, cmd_byte1) == 1);
 static_assert(offsetof(sdcmd_parm, data) == 4);
+static_assert(sizeof(sdcmd_request) == 24 && offsetof(sdcmd_request, data) == 8);
 
 #endif

@@ -99,7 +99,11 @@ MemoryChunkArray* AllocateChunks(const MemoryArray* list)
 {
     // In 32 bits on every host: a negative count asks for more than there is.
     const uint32_t size = 4 + 8 * static_cast<uint32_t>(list->count);
-    return static_cast<MemoryChunkArray*>(malloc(size));
+    void* block = malloc(size);
+    // The write variant goes on from what stands there: a compiler that knows where
+    // the block comes from could take that for no value at all.
+    __asm__ volatile("" : "+r"(block) : : "memory");
+    return static_cast<MemoryChunkArray*>(block);
 }
 
 }  // namespace

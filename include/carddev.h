@@ -26,13 +26,26 @@
  *   method!" unless its text says that it is silent, and gives the "not offered"
  *   result named at each call. A result that means success there is meant so:
  *   a device without that ability has nothing to do.
- * - Diagnostics are lines on standard output, "[tag:function(line)](E)text" for
- *   errors and "(W)" for warnings. Printing them never changes errno.
+ * - Diagnostics go to standard output as "[tag:function(line)](E)text" for errors
+ *   and "(W)" for warnings; a frame's warning has a line break behind its "(W)". An
+ *   Init that succeeds prints a banner without a tag. Printing never changes errno.
  * - Where a result stems from a failed system call, errno still holds its value
  *   when the call returns.
+ * - Once a callback is registered (CARD_Init), the calls on a Zel or Mivo device
+ *   that need the card ask the driver first whether it is still there, under the
+ *   unit's lock: they wait for a direct transfer of another thread to end. A Zel
+ *   driver that answers "busy" is asked up to 10 times, 0.4 s apart: 3.6 s a check at
+ *   worst. The times named at each call come on top. The real-time calls ask nothing.
+ * - A driver that answers a direct transfer, or the Zel back-end's status query, with
+ *   a positive number says "not finished" and is asked again at once, for as long as
+ *   it says so. These loops have no bound.
+ * - After a DevInit that failed, call nothing but DevDetect and DevInit on the handle:
+ *   the unit's record keeps the numbers of descriptors that are closed again, and
+ *   other calls would use them.
  * - On a host with 64-bit pointers (for development only), memory whose address
- *   travels in a 32-bit field - MemoryChunk::addr, MemoryArray::addr,
- *   BlockListEntry::buf - must lie below 4 GiB.
+ *   travels in a 32-bit field must lie below 4 GiB: what MemoryChunk::addr,
+ *   MemoryArray::addr and BlockListEntry::buf name, the buffer of DevSdCmdWrite, and
+ *   the stack and heap of threads that use a Zel or Mivo device.
  */
 #ifndef CARDDEV_H
 #define CARDDEV_H
@@ -72,8 +85,9 @@ enum DevType { DEV_TYPE_ZEL = 0, DEV_TYPE_MIVO = 1, DEV_TYPE_RICOH_SD = 2 };
 /**
  * Requests of DevIoctl, in the PowerPC request encoding (type 'r').
  *
- * DEV_IOCTL_RT_40           pointer to a 20-byte real-time record
- * DEV_IOCTL_RT_41           pointer to an 8-byte real-time record
+ * DEV_IOCTL_RT_40           pointer to a 20-byte real-time record; its first 32-bit
+ *                           word is overwritten with 16 * unit + 1
+ * DEV_IOCTL_RT_41           pointer to an 8-byte real-time record; likewise
  * DEV_IOCTL_RT_42           any non-null pointer; what it points to is not read
  * DEV_IOCTL_DEVICE_PARAMS   pointer to a 36-byte device-parameter record
  * DEV_IOCTL_RT_45           argument not used
@@ -257,7 +271,8 @@ int32_t DevDetect(DrvInfo* handle);
 int32_t DevInit(DrvInfo* handle);
 
 /**
- * Close the device, free the library's memory for it, then zero the whole
+ * Close the device, free what an Init that succeeded and later calls allocated for
+ * it, then zero the whole
  * handle, dev_path included. To use the handle again, write the path and run
  * DevDetect and DevInit. Not to be run beside other calls on the same unit.
  *
@@ -270,15 +285,16 @@ void DevExit(DrvInfo* handle);
  * Register what to do when the card is found gone. The callback runs on the
  * thread whose call noticed it, with no lock held, and again on every later
  * check while the card stays away: it must be harmless to repeat. It may call
- * this library. Without a callback the Zel and Mivo back-ends never look
+ * this library; a call that checks the same unit calls it again, so let it not call
+ * itself without end. Without a callback the Zel and Mivo back-ends never look
  * whether the card is there. A zero argument keeps the value of an earlier
  * call, so a callback cannot be taken back before DevExit. The Ricoh SD
  * back-end cannot notice an eject: it accepts the callback and never calls it.
  *
  * @param eject_arg  a word stored with the device; the library gives it no use
  * @param eject_cb   callback, or null to keep the earlier one
- * @return 0; 10 when the device is not open, and for a null handle. Not
- *         offered: 0.
+ * @return 0; 10 for a null handle and, but for the Ricoh SD back-end, when the device
+ *         is not open. Not offered: 0.
  */
 int32_t CARD_Init(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eject_cb);
 
@@ -286,8 +302,8 @@ int32_t CARD_Init(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eject_c
 
 /**
  * Read whole sectors through the device node: one seek and one read(2), which
- * blocks as long as the driver takes. Allocates nothing and takes no lock, so
- * two threads on one device would disturb each other's position.
+ * blocks as long as the driver takes. Allocates nothing, and takes no lock for the
+ * transfer, so two threads on one device would disturb each other's position.
  *
  * Success is read from the record, not from the result: set result->error to 0
  * before the call, since success does not clear it. A transfer may be short, as
@@ -350,7 +366,8 @@ int32_t CARD_Getinfo(DrvInfo* handle, CardInfo* info);
  * Speed record of the card, cached like the registers. The Ricoh SD back-end
  * answers with the 32 bytes of CARD_Getinfo instead.
  *
- * @return as CARD_Getinfo.
+ * @return as CARD_Getinfo, but 10 from the Mivo back-end when its driver fails, with
+ *         a record that is not to be used.
  */
 int32_t CARD_GetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed);
 
@@ -364,15 +381,18 @@ int32_t CARD_GetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed);
 int32_t CARD_SecureGetinfo(DrvInfo* handle, uint8_t* sd_status);
 
 /**
- * Capacity in sectors; not cached. One driver request for the Ricoh SD back-end.
+ * Size of the card in sectors. The Ricoh SD back-end asks its driver, each time. The
+ * others compute it from the cached registers, user area and protected area together,
+ * after asking the driver for a capacity, and check for an eject three times.
  *
- * @return sectors. Failures look like small sizes: Ricoh SD 0, the others 10 or
+ * @return sectors. Failures look like sizes: Ricoh SD 0, the others 10 or
  *         0xFFFFFFFB (removed). Null handle: 10. Not offered: 0.
  */
 uint32_t CARD_GetCardSize(DrvInfo* handle);
 
 /**
- * Write protection.
+ * Write protection. A Zel driver that is busy is asked up to 10 times, 0.4 s apart,
+ * under the unit's lock: 3.6 s at worst.
  *
  * @return 0 writable, non-zero protected (Ricoh SD: 1 when the node could only
  *         be opened read-only); 10 when the device is not open and for a null
@@ -381,7 +401,7 @@ uint32_t CARD_GetCardSize(DrvInfo* handle);
 int32_t CARD_GetWriteProtect(DrvInfo* handle);
 
 /**
- * Send card command 2, 3 or 4; any other number does nothing and returns 0. The
+ * Send card command 2, 3 or 4; any other number sends nothing and returns 0. The
  * Ricoh SD back-end has no commands: always 0.
  *
  * @param argument  handed to the driver unread; 32 bits, so a pointer is cast
@@ -393,10 +413,12 @@ int32_t CARD_Ioctl(DrvInfo* handle, int32_t command, int32_t argument);
 /**
  * Generic device request, DEV_IOCTL_*.
  *
- * @return the driver's result; -25 for a request that the back-end does not
- *         know (the Ricoh SD back-end knows none); -22 for a null argument where
- *         one is needed, and for a null handle; -5 when the card has gone. Not
- *         offered: 0.
+ * @return the driver's result, -1 with errno set when it failed; -25 for a request
+ *         that the back-end does not know (the Ricoh SD back-end knows none); -22 for
+ *         a null argument, except that the Zel back-end hands a null DEVICE_PARAMS
+ *         record to its driver and looks at no argument of RT_45, and for a null
+ *         handle; -5 when the card has gone; -19 when the device was not initialised.
+ *         Not offered: 0.
  */
 int32_t DevIoctl(DrvInfo* handle, uint32_t request, void* argument);
 
@@ -406,22 +428,42 @@ int32_t DevIoctl(DrvInfo* handle, uint32_t request, void* argument);
  * Read sectors by the driver's direct memory access into scattered memory. Not
  * offered by the Ricoh SD back-end.
  *
- * @param length  bytes for the Zel back-end, sectors for the Mivo back-end
- * @param chunks  where the data goes
- * @return 0 or positive on success; negative on failure. Null handle or not
- *         offered: -22.
+ * Direct transfers of one unit run one at a time, under the unit's lock. Each try
+ * waits at most 4,000 ms for the driver to finish. The Zel back-end bears nine
+ * busy answers, with 0.4 s after each, and two other failures: 12 tries, 51.6 s at
+ * worst. The Mivo back-end bears two failures, and none once the device has gone
+ * (ENODEV): 3 tries, 12 s. What is retried, and the end, is printed.
+ *
+ * A transfer that gives up marks the unit as failed, reads included: until DevExit
+ * and DevInit, DevDrctWrite, DevFatWrite and DevSdCmdWrite (Mivo: DevDrctRMW, too)
+ * answer -5 without asking the driver to write, and CARD_Write fails so. Reading goes
+ * on.
+ *
+ * Chunks that continue one another in memory are joined, up to 64 KiB; longer ones
+ * are split. The driver's table holds 2047 pieces.
+ *
+ * @param length  bytes for the Zel back-end (a multiple of 512), sectors for the
+ *                Mivo back-end; the chunks' lengths must add up to it
+ * @param chunks  where the data goes, in the order of the sectors
+ * @return @p length on success; -5 when the card has gone or the driver failed; -22
+ *         for a null or too long list; -19 when the device was not initialised.
+ *         Null handle or not offered: -22.
  */
 int32_t DevDrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t length,
                     MemoryChunkArray* chunks);
 
 /**
- * Write sectors by the driver's direct memory access from scattered memory.
+ * Write sectors by the driver's direct memory access from scattered memory; as
+ * DevDrctRead otherwise.
  *
- * @param flag     0 chooses the driver's first kind of write request, any other
- *                 value its second
- * @param retried  receives 0, or 1 when the request had to be repeated; must not
- *                 be null
- * @return as DevDrctRead.
+ * @param flag     0 begins with the driver's request for sequential data
+ *                 (ZEL_DIRECT_SEQ_WRITE, MIVOSDIF_IOC_DIRECT_WRITE_ALT), any other
+ *                 value with the plain one. After a failure - on a Zel device: other
+ *                 than busy - the plain one is used for the rest of the call.
+ * @param retried  receives 0, and 1 once such a failure was retried; must not be null.
+ *                 Not written where the call fails before the list is built.
+ * @return as DevDrctRead; -22 also for a null @p retried; -5 also for a unit marked
+ *         as failed.
  */
 int32_t DevDrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
                      MemoryChunkArray* chunks, uint32_t flag, uint32_t* retried);
@@ -432,7 +474,7 @@ int32_t DevDrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
  *
  * list->count must not be above 8: it is not checked, and the pieces beyond
  * would be read from past the record. A count of 0 reaches the back-end as an empty
- * list; a negative one asks for more memory than there is.
+ * list; let it not be negative.
  *
  * @return as DevDrctRead; -12 when the list cannot be allocated; -22 without a
  *         message for a null handle or list.
@@ -452,20 +494,36 @@ int32_t DevDrctWriteArray(DrvInfo* handle, uint32_t first_sector, uint32_t lengt
                           const MemoryArray* list, uint32_t flag, uint32_t* retried);
 
 /**
- * Read-modify-write of runs of sectors in one driver request.
+ * Read-modify-write of runs of sectors in one driver request. Waits and retries are
+ * those of DevDrctRead. Allocates 16 bytes an element for the time of the call.
  *
- * @return 0; negative on failure. Null handle: -22. Not offered: 0.
+ * Of an element longer than 64 KiB the driver is handed the first 64 KiB: split it.
+ * A chain with fewer elements than its count prints "List panic", and the request
+ * goes out with the count all the same, the missing elements unwritten: do not let
+ * that happen.
+ *
+ * @return 0; -5 when the card has gone or the driver failed (Mivo: also for a unit
+ *         marked as failed); -12 when memory or the driver's table does not suffice;
+ *         -22 for a null list; -19 when the device was not initialised. Null handle:
+ *         -22. Not offered: 0.
  */
 int32_t DevDrctRMW(DrvInfo* handle, BlockList* list);
 
-/** Write runs of sectors of the file-system area; results as DevDrctRMW. */
+/**
+ * Write runs of sectors of the file-system area; as DevDrctRMW, and -5 for a unit
+ * marked as failed.
+ */
 int32_t DevFatWrite(DrvInfo* handle, BlockList* list);
 
 /**
- * Write with a card command of the caller's. The command words are the driver's
- * to understand; they pass through unchanged.
+ * Write one piece of memory with a card command of the caller's. The command words
+ * are the driver's to understand; they pass through unchanged. Waits and retries are
+ * those of DevDrctRead.
  *
- * @return 0; negative on failure. Null handle: -22. Not offered: 0.
+ * @param buffer   sectors * 512 bytes
+ * @return 0; -5 when the card has gone, the driver failed or the unit is marked as
+ *         failed; -12 when the driver's table does not suffice; -19 when the device
+ *         was not initialised. Null handle: -22. Not offered: 0.
  */
 int32_t DevSdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t cmd_arg,
                       uint8_t cmd_byte0, uint8_t cmd_byte1);

@@ -26,7 +26,8 @@ struct SgEntry;
 
 /**
  * One slot of the Zel driver. A descriptor of 0 counts as not open. After a failed
- * DevInit the descriptors keep the numbers of what has been closed again.
+ * DevInit the descriptors keep what they held last: the numbers of what has been
+ * closed again, and -1 for what could not be opened.
  */
 typedef struct ZelDevice {
     uint32_t index;             /**< the handle's dev_index */

@@ -170,8 +170,8 @@ int32_t RicohSD_CardGetInfo(DrvInfo* handle, CardInfo* info)
         return CARD_CODE_OK;
     }
     memset(info, 0, sizeof *info);
-    // The CSD first, one byte ahead of its place: the driver sends a byte in
-    // front of the register, and the CID then overwrites it.
+    // The CSD first, one byte ahead of its place: what the driver puts in front of
+    // the register is its own affair, and the CID then overwrites that byte.
     if (ioctl(dev->blk_fd, SDCARD_GET_CSD, &info->cid[15]) < 0) {
         LOG_ERROR("SDCARD_GET_CSD failed : %s\n", strerror(errno));
         return CARD_CODE_ERROR;

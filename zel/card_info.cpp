@@ -173,8 +173,9 @@ uint32_t Zel_CardGetSize(DrvInfo* handle)
     }
     uint8_t sd_status[CARD_SD_STATUS_SIZE];
     CardInfo info;
-    if (Zel_CardSecureGetInfo(handle, sd_status) != CARD_CODE_OK ||
-        Zel_CardGetInfo(handle, &info) != CARD_CODE_OK) {
+    const int32_t status_code = Zel_CardSecureGetInfo(handle, sd_status);
+    const int32_t info_code = Zel_CardGetInfo(handle, &info);
+    if (status_code != CARD_CODE_OK || info_code != CARD_CODE_OK) {
         return CARD_CODE_ERROR;
     }
     return CardSectors(sectors, info.csd, sd_status);

@@ -384,15 +384,15 @@ int32_t Zel_SdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, ui
         return used;
     }
     SgMarkEnd(dev->sg_table, used);
-    const sdcmd_data data = {cmd_arg, sectors, Address32(dev->sg_table),
-                             static_cast<uint32_t>(used * static_cast<int>(sizeof(ZelSgEntry)))};
-    sdcmd_parm parm;
-    parm.byte0 = cmd_byte0;
-    parm.byte1 = cmd_byte1;
-    parm.data = Address32(&data);
+    sdcmd_request request;
+    request.parm.cmd_byte0 = cmd_byte0;
+    request.parm.cmd_byte1 = cmd_byte1;
+    request.parm.data = Address32(&request.data);
+    request.data = {cmd_arg, sectors, Address32(dev->sg_table),
+                    static_cast<uint32_t>(used * static_cast<int>(sizeof(ZelSgEntry)))};
     Tries tries;
     for (;;) {
-        const Verdict verdict = Try(dev, ZEL_SDCMD_WRITE, &parm, &tries);
+        const Verdict verdict = Try(dev, ZEL_SDCMD_WRITE, &request, &tries);
         if (verdict == Verdict::Done) {
             pthread_mutex_unlock(&dev->lock);
             return 0;
