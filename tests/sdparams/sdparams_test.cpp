@@ -168,9 +168,28 @@ Example Expected(uint32_t capacity)
     return {capacity, type, static_cast<uint32_t>(partition), static_cast<uint32_t>(data)};
 }
 
-void Check(uint32_t capacity)
+void CheckBounds(uint32_t capacity, const SdFormatParams& params)
 {
     const Row& row = RowFor(capacity);
+    ASSERT_EQ(0u, params.data_start % row.boundary) << capacity;
+    ASSERT_LE(row.boundary, params.partition_start) << capacity;
+    ASSERT_GT(2 * row.boundary, params.partition_start) << capacity;
+}
+
+// The boot sector, two FATs and the root directory, or at least ten reserved
+// sectors, fit in front of the data area; each FAT has an entry for each cluster.
+void CheckRoom(uint32_t capacity, const SdFormatParams& params)
+{
+    const uint32_t entry_bits[] = {12, 16, 32, 0};
+    const uint64_t bits = capacity / RowFor(capacity).cluster * entry_bits[params.fs_type];
+    const uint64_t others = params.fs_type == SD_FS_FAT32 ? 10 : 1 + 32;
+    const uint64_t between = params.data_start - params.partition_start;
+    ASSERT_GE(between, others) << capacity;
+    ASSERT_GE((between - others) / 2 * 4096, bits) << capacity;
+}
+
+void Check(uint32_t capacity)
+{
     const Example expected = Expected(capacity);
     SdFormatParams params = {kMark, kMark, kMark, kMark};
     ASSERT_EQ(0, CalcSdParams(capacity, &params)) << capacity;
@@ -178,22 +197,8 @@ void Check(uint32_t capacity)
     ASSERT_EQ(expected.partition_start, params.partition_start) << capacity;
     ASSERT_EQ(expected.data_start, params.data_start) << capacity;
     ASSERT_EQ(32u, params.root_dir_sectors) << capacity;
-
-    ASSERT_EQ(0u, params.data_start % row.boundary) << capacity;
-    ASSERT_LE(row.boundary, params.partition_start) << capacity;
-    ASSERT_GT(2 * row.boundary, params.partition_start) << capacity;
-    if (params.fs_type == SD_FS_EXFAT) {
-        return;
-    }
-    // The boot sector, two FATs and the root directory, or at least ten reserved
-    // sectors, fit in between; each FAT has an entry for each cluster.
-    const uint64_t bits = params.fs_type == SD_FS_FAT12   ? 12
-                          : params.fs_type == SD_FS_FAT16 ? 16
-                                                          : 32;
-    const uint64_t others = params.fs_type == SD_FS_FAT32 ? 10 : 1 + 32;
-    const uint64_t between = params.data_start - params.partition_start;
-    ASSERT_GE(between, others) << capacity;
-    ASSERT_GE((between - others) / 2 * 4096, capacity / row.cluster * bits) << capacity;
+    ASSERT_NO_FATAL_FAILURE(CheckBounds(capacity, params));
+    ASSERT_NO_FATAL_FAILURE(CheckRoom(capacity, params));
 }
 
 TEST(SdParamsSweep, CoversSmallCardsOneByOne)

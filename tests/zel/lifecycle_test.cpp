@@ -369,6 +369,7 @@ TEST_F(ZelInit, UndoesInReverseOrderWhatAFailureCutsOff)
             EXPECT_EQ((Outcome{-1, failure.line + strerror(error) + "\n", error}), Init());
             EXPECT_EQ(FailingAt(failure, error), TraceOf(kernel));
             std::vector<int> closed;
+            closed.reserve(failure.closed.size());
             for (const Step open : failure.closed) {
                 closed.push_back(FdOf(open));
             }

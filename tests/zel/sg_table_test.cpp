@@ -472,7 +472,7 @@ TEST_F(ZelUnitsTable, Holds2048Entries)
     EXPECT_EQ((Outcome{-12, kOverflow2048}),
               OutcomeOf([&] { return Zel_SetSgEntry(dev->sg_table, 2047, 0x1000, 1); }));
     EXPECT_EQ((Bytes{0x00, 0x10, 0, 0, 1, 0, 0, 0}),
-              BytesAt(AddressOf(dev->sg_table) + 2047 * 8, 8));
+              BytesAt(AddressOf(dev->sg_table) + uintptr_t{2047} * 8, 8));
 }
 
 }  // namespace
