@@ -21,6 +21,30 @@ extern "C" {
 
 struct SgEntry;
 
+/** Units of the Mivo adaptor's driver. */
+#define MIVO_UNITS 2
+
+/**
+ * One slot of the Mivo adaptor. A descriptor of 0 counts as not open. After a
+ * failed DevInit it keeps what it held last: the number of what has been closed
+ * again, or -1 for what could not be opened.
+ */
+typedef struct MivoDevice {
+    uint32_t index;             /**< the handle's dev_index */
+    int32_t chr_fd;             /**< the handle's own path */
+    pthread_mutex_t lock;       /**< one status query or one use of the table at a time */
+    struct SgEntry* sg_table;   /**< 2048 entries */
+    uint8_t* secure_buf;        /**< cached SD status, or null */
+    CardInfo* reg_buf;          /**< cached registers, or null */
+    CardSpeedInfo* speed_buf;   /**< cached speed record, or null */
+    uint8_t io_error;           /**< 1 once a direct request gave up; writes are refused */
+    uint32_t eject_arg;         /**< from CARD_Init */
+    CardEjectCallback eject_cb; /**< from CARD_Init, or null */
+    uint8_t ejected;            /**< 1 once the card was found gone */
+} MivoDevice;
+
+extern MivoDevice mivo_dev[MIVO_UNITS];
+
 /** Units of the Zel driver. */
 #define ZEL_UNITS 6
 

@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "sim/mivo_driver.h"
 #include "sim/ricoh_driver.h"
 #include "sim/zel_driver.h"
 
@@ -78,7 +79,8 @@ std::string Beside(const std::string& file, const std::string& name)
 struct Setting {
     Kernel& kernel;
     std::string file;
-    std::shared_ptr<ZelSlots> slots;  // once a slot is named
+    std::shared_ptr<ZelSlots> slots;   // once a slot is named
+    std::shared_ptr<MivoUnits> units;  // once a unit of the adaptor is named
 
     ZelSlots& Slots()
     {
@@ -87,13 +89,21 @@ struct Setting {
         }
         return *slots;
     }
+
+    MivoUnits& Units()
+    {
+        if (!units) {
+            units = MivoUnits::Create(kernel);
+        }
+        return *units;
+    }
 };
 
-unsigned UnitIn(const json& object)
+unsigned UnitIn(const json& object, unsigned units)
 {
     const json unit = object.value("unit", json(0u));
-    if (!unit.is_number_unsigned() || unit.get<uint64_t>() >= SIM_ZEL_SLOTS) {
-        throw std::runtime_error("\"unit\" goes from 0 to " + std::to_string(SIM_ZEL_SLOTS - 1));
+    if (!unit.is_number_unsigned() || unit.get<uint64_t>() >= units) {
+        throw std::runtime_error("\"unit\" goes from 0 to " + std::to_string(units - 1));
     }
     return unit.get<unsigned>();
 }
@@ -103,9 +113,9 @@ void AddCard(Setting& setting, const json& object)
     AllowOnly(object, "a card",
               {"driver", "unit", "image", "write_protected", "cid", "csd", "sd_status"});
     const auto driver = object.at("driver").get<std::string>();
-    if (driver != "ricoh-sd" && driver != "zel") {
+    if (driver != "ricoh-sd" && driver != "zel" && driver != "mivo") {
         throw std::runtime_error("there is no driver \"" + driver +
-                                 "\"; there are \"ricoh-sd\" and \"zel\"");
+                                 "\"; there are \"ricoh-sd\", \"zel\" and \"mivo\"");
     }
     const auto image = object.at("image").get<std::string>();
     if (image.empty()) {
@@ -118,7 +128,9 @@ void AddCard(Setting& setting, const json& object)
     SetRegister(object, "csd", model.csd, sizeof model.csd);
     SetRegister(object, "sd_status", model.sd_status, sizeof model.sd_status);
     if (driver == "zel") {
-        setting.Slots().Insert(UnitIn(object), std::move(card));
+        setting.Slots().Insert(UnitIn(object, SIM_ZEL_SLOTS), std::move(card));
+    } else if (driver == "mivo") {
+        setting.Units().Insert(UnitIn(object, SIM_MIVO_UNITS), std::move(card));
     } else if (object.contains("unit")) {
         throw std::runtime_error("the \"ricoh-sd\" driver has no units");
     } else {
@@ -182,6 +194,12 @@ std::function<void()> EjectFrom(Setting& setting, const std::string& node)
             return [slots = setting.slots, unit] { slots->Eject(unit); };
         }
     }
+    for (unsigned unit = 0; unit < SIM_MIVO_UNITS; unit++) {
+        if (node == MivoNode(unit)) {
+            setting.Units();
+            return [units = setting.units, unit] { units->Eject(unit); };
+        }
+    }
     throw std::runtime_error("no card can be ejected from \"" + node + "\"");
 }
 
@@ -216,7 +234,7 @@ void AddFromDescription(Kernel& kernel, const std::string& path)
     }
     const json description = json::parse(file);
     AllowOnly(description, "the description", {"cards", "faults"});
-    Setting setting = {kernel, path, nullptr};
+    Setting setting = {kernel, path, nullptr, nullptr};
     for (const json& card : description.at("cards")) {
         AddCard(setting, card);
     }

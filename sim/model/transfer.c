@@ -102,3 +102,94 @@ int sim_move_list(struct sim_card *card, enum sim_direction direction, uint32_t 
     }
     return failed;
 }
+
+struct direct_record {
+    uint32_t sector;
+    uint32_t sectors;
+    uint32_t list;
+    uint32_t list_bytes;
+};
+
+struct elements_record {
+    uint32_t count;
+    uint32_t reserved;
+    uint32_t elements;
+};
+
+struct element_record {
+    uint32_t sector;
+    uint32_t length;
+    uint8_t sg_address[4];
+    uint8_t sg_length[4];
+};
+
+struct command_record {
+    uint8_t bytes[2];
+    uint8_t padding[2];
+    uint32_t data;
+};
+
+struct command_data_record {
+    uint32_t argument;
+    uint32_t length;
+    uint32_t list;
+    uint32_t list_bytes;
+};
+
+int sim_direct(struct sim_card *card, enum sim_direction direction, const struct sim_memory *memory,
+               uintptr_t record)
+{
+    struct direct_record direct;
+
+    if (memory->get(memory->context, &direct, record, sizeof direct))
+        return -EFAULT;
+    return sim_move_list(card, direction, direct.sector, direct.sectors, memory, direct.list,
+                         direct.list_bytes);
+}
+
+static int write_element(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
+                         uint32_t unit)
+{
+    struct element_record element;
+    uint32_t length;
+
+    if (memory->get(memory->context, &element, record, sizeof element))
+        return -EFAULT;
+    length = sim_get_le32(element.sg_length) & ~SIM_SG_END;
+    if (length > SIM_SG_MAX_LEN || length > (uint64_t)element.length * unit)
+        return -EINVAL;
+    return sim_move(card, SIM_TO_CARD, element.sector, memory, sim_get_le32(element.sg_address),
+                    length);
+}
+
+int sim_write_elements(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
+                       uint32_t unit)
+{
+    struct elements_record list;
+    int32_t i;
+    int failed = 0;
+
+    if (memory->get(memory->context, &list, record, sizeof list))
+        return -EFAULT;
+    for (i = 0; !failed && i < (int32_t)list.count; i++)
+        failed = write_element(card, memory,
+                               list.elements + (uintptr_t)i * sizeof(struct element_record), unit);
+    return failed;
+}
+
+int sim_command_write(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
+                      uint32_t unit)
+{
+    struct command_record command;
+    struct command_data_record data;
+    uint64_t bytes;
+
+    if (memory->get(memory->context, &command, record, sizeof command) ||
+        memory->get(memory->context, &data, command.data, sizeof data))
+        return -EFAULT;
+    bytes = (uint64_t)data.length * unit;
+    if (bytes % SIM_SECTOR_SIZE)
+        return -EINVAL;
+    return sim_move_list(card, SIM_TO_CARD, data.argument, (uint32_t)(bytes / SIM_SECTOR_SIZE),
+                         memory, data.list, data.list_bytes);
+}

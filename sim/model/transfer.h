@@ -34,6 +34,27 @@ int sim_move_list(struct sim_card *card, enum sim_direction direction, uint32_t 
                   uint32_t sectors, const struct sim_memory *memory, uint32_t list,
                   uint32_t list_bytes);
 
+/*
+ * The records of the Zel and the Mivo driver's transfer requests are the same, in the
+ * processor's own byte order. Lengths in them count units of `unit` bytes: a sector
+ * for the one, a byte for the other; where that matters it is given.
+ */
+
+/* {sector, sectors, list, list bytes} */
+int sim_direct(struct sim_card *card, enum sim_direction direction, const struct sim_memory *memory,
+               uintptr_t record);
+
+/* {count, 0, address of {sector, length, address word, length word}[count]}, the last
+ * two as they stood in a list. Each element has one piece of memory; where the element
+ * is longer, its first 64 KiB are written. */
+int sim_write_elements(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
+                       uint32_t unit);
+
+/* {two bytes, padding, address of {argument, length, list, list bytes}}. The argument
+ * is taken as the card's sector, as write commands of today's cards have it. */
+int sim_command_write(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
+                      uint32_t unit);
+
 #ifdef __cplusplus
 }
 #endif

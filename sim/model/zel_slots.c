@@ -42,43 +42,12 @@
 #define PARAMS_SIZE      536
 #define PARAMS_DATA      24
 
+#define LENGTH_UNIT SIM_SECTOR_SIZE /* of elements and command data */
+
 /* Records, in the processor's own byte order. */
 struct params_request {
     uint32_t item;
     uint32_t buffer;
-};
-
-struct direct_request {
-    uint32_t sector;
-    uint32_t sectors;
-    uint32_t list;
-    uint32_t list_bytes;
-};
-
-struct element_request {
-    uint32_t count;
-    uint32_t reserved;
-    uint32_t elements;
-};
-
-struct element {
-    uint32_t sector;
-    uint32_t sectors;
-    uint8_t address[4]; /* the list entry's words, as they stood in the list */
-    uint8_t length[4];
-};
-
-struct command_request {
-    uint8_t bytes[2];
-    uint8_t padding[2];
-    uint32_t data;
-};
-
-struct command_data {
-    uint32_t argument;
-    uint32_t sectors;
-    uint32_t list;
-    uint32_t list_bytes;
 };
 
 void sim_zel_init(struct sim_zel *zel)
@@ -228,60 +197,6 @@ static int set_params(struct sim_zel_slot *slot, const struct sim_memory *memory
     return 0;
 }
 
-static int direct(struct sim_card *card, enum sim_direction direction,
-                  const struct sim_memory *memory, uintptr_t argument)
-{
-    struct direct_request request;
-
-    if (memory->get(memory->context, &request, argument, sizeof request))
-        return -EFAULT;
-    return sim_move_list(card, direction, request.sector, request.sectors, memory, request.list,
-                         request.list_bytes);
-}
-
-/* Each element has one piece of memory; where the element is longer, its first
- * 64 KiB are written. */
-static int write_elements(struct sim_card *card, const struct sim_memory *memory,
-                          uintptr_t argument)
-{
-    struct element_request request;
-    uint32_t i;
-
-    if (memory->get(memory->context, &request, argument, sizeof request))
-        return -EFAULT;
-    for (i = 0; (int32_t)i < (int32_t)request.count; i++) {
-        struct element element;
-        uint32_t length;
-        int failed = memory->get(memory->context, &element,
-                                 (uintptr_t)request.elements + i * sizeof element, sizeof element);
-
-        if (failed)
-            return failed;
-        length = sim_get_le32(element.length) & ~SIM_SG_END;
-        if (length > SIM_SG_MAX_LEN || length > (uint64_t)element.sectors * SIM_SECTOR_SIZE)
-            return -EINVAL;
-        failed = sim_move(card, SIM_TO_CARD, element.sector, memory, sim_get_le32(element.address),
-                          length);
-        if (failed)
-            return failed;
-    }
-    return 0;
-}
-
-/* The command's argument is taken as the card's sector, as write commands of
- * today's cards have it. */
-static int command_write(struct sim_card *card, const struct sim_memory *memory, uintptr_t argument)
-{
-    struct command_request request;
-    struct command_data data;
-
-    if (memory->get(memory->context, &request, argument, sizeof request) ||
-        memory->get(memory->context, &data, request.data, sizeof data))
-        return -EFAULT;
-    return sim_move_list(card, SIM_TO_CARD, data.argument, data.sectors, memory, data.list,
-                         data.list_bytes);
-}
-
 static int transfer(struct sim_zel_slot *slot, uint32_t request, const struct sim_memory *memory,
                     uintptr_t argument)
 {
@@ -291,18 +206,18 @@ static int transfer(struct sim_zel_slot *slot, uint32_t request, const struct si
         return -ENODEV;
     switch (request) {
     case ZEL_READ:
-        failed = direct(slot->card, SIM_FROM_CARD, memory, argument);
+        failed = sim_direct(slot->card, SIM_FROM_CARD, memory, argument);
         break;
     case ZEL_WRITE:
     case ZEL_SEQ_WRITE:
-        failed = direct(slot->card, SIM_TO_CARD, memory, argument);
+        failed = sim_direct(slot->card, SIM_TO_CARD, memory, argument);
         break;
     case ZEL_RMW:
     case ZEL_FS_WRITE:
-        failed = write_elements(slot->card, memory, argument);
+        failed = sim_write_elements(slot->card, memory, argument, LENGTH_UNIT);
         break;
     case ZEL_COMMAND_WRITE:
-        failed = command_write(slot->card, memory, argument);
+        failed = sim_command_write(slot->card, memory, argument, LENGTH_UNIT);
         break;
     default:
         return -ENOTTY;

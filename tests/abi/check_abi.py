@@ -102,7 +102,7 @@ class Library(unittest.TestCase):
         listing = run(ARGUMENTS.nm, "--defined-only", ARGUMENTS.static)
         names = set(listing.split())
         for name in ("DevArray2Chunk", "RicohSD_Init", "RicohSD_CardGetSpeedInfo",
-                     "Zel_SetSgEntry", "Zel_Chunk2Sg", "__Zel_CheckEject", "Zel_PollWait"):
+                     "Mivo_SetSgEntry", "__Mivo_CheckEject", "Zel_SetSgEntry", "Zel_Chunk2Sg", "__Zel_CheckEject", "Zel_PollWait"):
             self.assertIn(name, names)
 
     def test_tables_are_not_writable(self):

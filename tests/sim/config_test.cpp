@@ -175,7 +175,7 @@ TEST_F(ConfigTest, RefusesWrongRegisters)
 
 TEST_F(ConfigTest, RefusesWrongCards)
 {
-    EXPECT_EQ("there is no driver \"mmc\"; there are \"ricoh-sd\" and \"zel\"",
+    EXPECT_EQ("there is no driver \"mmc\"; there are \"ricoh-sd\", \"zel\" and \"mivo\"",
               ErrorOfCard(R"("driver": "mmc", "image": "card.img")"));
     EXPECT_EQ("\"image\" is empty", ErrorOfCard(R"("driver": "ricoh-sd", "image": "")"));
     EXPECT_EQ("a card knows no \"images\"",

@@ -132,7 +132,7 @@ TEST_F(ZelConfig, RefusesWhatItDoesNotKnow)
 {
     EXPECT_EQ("the \"ricoh-sd\" driver has no units",
               Refusal(R"({"cards": [{"driver": "ricoh-sd", "unit": 0, "image": "a.img"}]})"));
-    EXPECT_EQ("there is no driver \"zell\"; there are \"ricoh-sd\" and \"zel\"",
+    EXPECT_EQ("there is no driver \"zell\"; there are \"ricoh-sd\", \"zel\" and \"mivo\"",
               Refusal(R"({"cards": [{"driver": "zell", "image": "a.img"}]})"));
     EXPECT_EQ("a card knows no \"slot\"",
               Refusal(R"({"cards": [{"driver": "zel", "slot": 0, "image": "a.img"}]})"));

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,59 +15,11 @@
 #include <gtest/gtest.h>
 
 #include "sim/zel_driver.h"
-#include "tests/support/capture.h"
 #include "tests/support/handle.h"
+#include "tests/support/mutex_calls.h"
+#include "tests/support/outcome.h"
 #include "tests/support/trace.h"
-#include "tests/zel/mutex_calls.h"
 #include "zel/zel.h"
-
-using Bytes = std::vector<uint8_t>;
-
-template <typename Record>
-Bytes BytesOf(const Record& record)
-{
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
-    return Bytes(bytes, bytes + sizeof record);
-}
-
-inline Bytes BytesAt(uintptr_t address, size_t length)
-{
-    const auto* bytes = reinterpret_cast<const uint8_t*>(address);
-    return Bytes(bytes, bytes + length);
-}
-
-inline std::vector<uint32_t> WordsAt(uintptr_t address, size_t count)
-{
-    std::vector<uint32_t> words(count);
-    memcpy(words.data(), reinterpret_cast<const void*>(address), 4 * count);
-    return words;
-}
-
-// Everything that a call shows its caller.
-struct Outcome {
-    int64_t result;
-    std::string printed = {};
-    int error = EXFULL;  // errno afterwards; EXFULL stood there before
-
-    bool operator==(const Outcome&) const = default;
-};
-
-inline std::ostream& operator<<(std::ostream& out, const Outcome& outcome)
-{
-    return out << outcome.result << ", errno " << strerrorname_np(outcome.error) << ", \""
-               << outcome.printed << "\"";
-}
-
-inline Outcome OutcomeOf(const std::function<int64_t()>& body)
-{
-    Outcome outcome = {0};
-    outcome.printed = Printed([&] {
-        errno = EXFULL;
-        outcome.result = body();
-        outcome.error = errno;
-    });
-    return outcome;
-}
 
 // A handle on a card in slot 0 of the Zel driver, detected. The static state of
 // the back-end is blank at the start of each test, and no memory or descriptor of

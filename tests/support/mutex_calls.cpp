@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "tests/zel/mutex_calls.h"
+#include "tests/support/mutex_calls.h"
 
 #include <cstdint>
 
@@ -12,12 +12,18 @@ std::vector<MutexCall>& MutexCalls()
     return calls;
 }
 
-static void Note(MutexCallKind kind, const pthread_mutex_t* mutex)
+template <typename Units>
+static bool LiesIn(const Units& units, const pthread_mutex_t* mutex)
 {
     const auto at = reinterpret_cast<uintptr_t>(mutex);
-    const auto units = reinterpret_cast<uintptr_t>(zel_dev);
+    const auto first = reinterpret_cast<uintptr_t>(&units);
+    return at >= first && at < first + sizeof units;
+}
+
+static void Note(MutexCallKind kind, const pthread_mutex_t* mutex)
+{
     const cardsim::Kernel* kernel = cardsim::Kernel::Current();
-    if (at >= units && at < units + sizeof zel_dev && kernel != nullptr) {
+    if (kernel != nullptr && (LiesIn(zel_dev, mutex) || LiesIn(mivo_dev, mutex))) {
         MutexCalls().push_back({kind, mutex, kernel->Calls().size()});
     }
 }

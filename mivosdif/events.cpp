@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: MIT
+//
+// The card leaving the adaptor, and the driver signalling the end of a request.
+#include <sys/ioctl.h>
+
+#include "common/completion.h"
+#include "common/latch.h"
+#include "mivosdif/mivosdif.h"
+
+#define LOG_TAG "mivosdif"
+#include "common/log.h"
+
+// Without a callback the card is never looked at. A card that has gone is
+// reported by every check, for as long as it stays away.
+void Mivo_CheckEject(MivoDevice* dev)
+{
+    if (dev == nullptr) {
+        LOG_ERROR("Cannot get driver info!\n");
+        return;
+    }
+    __Mivo_CheckEject(dev);
+}
+
+namespace {
+
+// What the query's result says: 1 is the driver's own word for a removed card,
+// other positive numbers say nothing.
+bool CardIsGone(const MivoDevice* dev, int result, const MivoCardStatus* status)
+{
+    if (result != 0) {
+        return result == 1;
+    }
+    return dev->index >= 32 || (uint32_t{status->present} >> dev->index & 1) == 0;
+}
+
+}  // namespace
+
+void __Mivo_CheckEject(MivoDevice* dev)
+{
+    if (dev->eject_cb == nullptr) {
+        return;
+    }
+    if (dev->chr_fd == 0) {
+        LOG_ERROR("Invalid chr_fd!\n");
+        return;
+    }
+    MivoCardStatus status = {};
+    pthread_mutex_lock(&dev->lock);
+    const int result = ioctl(dev->chr_fd, MIVOSDIF_IOC_GET_CARD_STATUS, &status);
+    if (result < 0) {
+        LOG_ERROR("ioctl(MIVOSDIF_IOC_GET_CARD_STATUS) is failed : %s\n", strerror(errno));
+        pthread_mutex_unlock(&dev->lock);
+        return;
+    }
+    pthread_mutex_unlock(&dev->lock);
+    if (CardIsGone(dev, result, &status)) {
+        Latch(&dev->ejected);
+        dev->eject_cb();
+    }
+}
+
+int Mivo_PollWait(int fd)
+{
+    switch (WaitForCompletion(fd)) {
+        case Completion::Done:
+            return 0;
+        case Completion::PollFailed:
+            LOG_ERROR("poll error : %s\n", strerror(errno));
+            break;
+        case Completion::TimedOut:
+            LOG_ERROR("poll timeout: %s\n", strerror(errno));
+            break;
+        case Completion::NoEvent:
+            LOG_ERROR("Unknown poll events: 0x%08x\n", 0u);
+            return -EINVAL;
+        case Completion::HangUp:
+            LOG_ERROR("poll returns POLLHUP\n");
+            break;
+        case Completion::Error:
+            LOG_ERROR("poll returns POLLERR\n");
+            break;
+        case Completion::InvalidDescriptor:
+            LOG_ERROR("poll returns POLLNVAL\n");
+            break;
+        case Completion::Input:
+            LOG_ERROR("poll returns POLLIN\n");
+            break;
+        case Completion::OtherEvent:
+            LOG_ERROR("poll returns another event POLL???\n");
+            break;
+    }
+    return errno != 0 ? -errno : -EIO;
+}
