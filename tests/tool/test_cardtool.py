@@ -648,6 +648,37 @@ class SlotTest(CardtoolTest):
         self.fail_with(INPUT_OUTPUT, result, "direct transfers", "does not offer")
 
 
+class AdaptorTest(CardtoolTest):
+    """A card in the adaptor, whose direct transfers count in sectors."""
+
+    NODE = "/dev/mivosdif1"
+
+    def adaptor(self, *faults):
+        return self.description({"driver": "mivo", "unit": 1}, faults)
+
+    def test_info(self):
+        text = self.succeed(self.on_card("info", self.NODE, sim=self.adaptor())).decode()
+        self.assertRegex(text, r"back-end: +Mivo, unit 1")
+        self.assertRegex(text, r"CRC7: +valid")
+        self.assertRegex(text, r"size: +1000 sectors")
+
+    def test_direct_transfers_both_ways(self):
+        new = pattern("new", 300)
+        arguments = ["-i", self.file("new", new), "--first", "101", "--direct", "--yes"]
+        self.succeed(self.on_card("write", self.NODE, *arguments, sim=self.adaptor()))
+        expected = self.content[: 101 * SECTOR] + new + self.content[401 * SECTOR :]
+        self.assertTrue(self.image.read_bytes() == expected)
+        copy = self.path("copy.img")
+        self.succeed(self.on_card("read", self.NODE, "--direct", "-o", copy, sim=self.adaptor()))
+        self.assertTrue(pathlib.Path(copy).read_bytes() == expected)
+
+    def test_an_eject_tells_how_far(self):
+        eject = {"call": "ioctl", "request": "0xc010d324", "first": 2, "eject": self.NODE}
+        arguments = ["read", self.NODE, "--direct", "-o", self.path("out")]
+        result = self.on_card(*arguments, sim=self.adaptor(eject))
+        self.fail_with(REMOVED, result, "after 512 of 1000 sectors", "removed")
+
+
 class FormatParamsTest(CardtoolTest):
     def fields(self, *arguments):
         text = self.succeed(self.on_card("format-params", *arguments)).decode()

@@ -40,7 +40,8 @@ Simulated cards:
      "faults": [{"call": "read", "first": 3, "errno": "EIO"},
                 {"call": "ioctl", "node": "/dev/spdra", "first": 9,
                  "eject": "/dev/spda"}]}
-  Nodes are /dev/sdcarda for ricoh-sd and /dev/spda to /dev/spdf for zel.
+  Nodes are /dev/sdcarda for ricoh-sd, /dev/spda to /dev/spdf for zel, and
+  /dev/mivosdif0 and 1 for mivo.
   Images are taken from the .json file's folder. Writes change the image.
 
 Exit codes:
