@@ -29,6 +29,8 @@
  * - Diagnostics go to standard output as "[tag:function(line)](E)text" for errors
  *   and "(W)" for warnings; a frame's warning has a line break behind its "(W)". An
  *   Init that succeeds prints a banner without a tag. Printing never changes errno.
+ *   The Ricoh SD back-end's lines carry the tag "zel", and all back-ends print the
+ *   same banner but for its version: log filters know them so.
  * - Where a result stems from a failed system call, errno still holds its value
  *   when the call returns.
  * - Once a callback is registered (CARD_Init), the calls on a Zel or Mivo device
@@ -319,7 +321,10 @@ int32_t CARD_Init(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eject_c
 int32_t CARD_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t first_sector,
                   uint32_t word, CardIoResult* result);
 
-/** Write whole sectors; as CARD_Read, with write(2) from @p buffer. */
+/**
+ * Write whole sectors; as CARD_Read, with write(2) from @p buffer. Fails (error = 10)
+ * on a Zel or Mivo unit that a direct transfer has marked as failed; see DevDrctRead.
+ */
 int32_t CARD_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t first_sector,
                    uint32_t word, CardIoResult* result);
 
@@ -356,7 +361,8 @@ int32_t CARD_GetR1Status(DrvInfo* handle);
  *
  * @return 0; 10 on failure, for a null handle and for a null @p info;
  *         CARD_CODE_REMOVED when the card has gone. The Zel and Mivo back-ends
- *         return 0 also when a register could not be read (a line says so). 10
+ *         return 0 also when a register could not be read (a line says so): the
+ *         record then holds zeros (Mivo) or arbitrary bytes (Zel), until DevExit. 10
  *         after "Malloc register buffer failed" leaves the record filled. Not
  *         offered: 0, the record untouched.
  */
@@ -405,8 +411,8 @@ int32_t CARD_GetWriteProtect(DrvInfo* handle);
  * Ricoh SD back-end has no commands: always 0.
  *
  * @param argument  handed to the driver unread; 32 bits, so a pointer is cast
- * @return 0; CARD_CODE_COMMAND_FAILED; CARD_CODE_REMOVED; 10 for a null handle.
- *         Not offered: 0.
+ * @return 0; CARD_CODE_COMMAND_FAILED; CARD_CODE_REMOVED; 10 for a null handle and for
+ *         a Zel or Mivo device that was not initialised. Not offered: 0.
  */
 int32_t CARD_Ioctl(DrvInfo* handle, int32_t command, int32_t argument);
 
@@ -415,10 +421,10 @@ int32_t CARD_Ioctl(DrvInfo* handle, int32_t command, int32_t argument);
  *
  * @return the driver's result, -1 with errno set when it failed; -25 for a request
  *         that the back-end does not know (the Ricoh SD back-end knows none); -22 for
- *         a null argument, except that the Zel back-end hands a null DEVICE_PARAMS
- *         record to its driver and looks at no argument of RT_45, and for a null
- *         handle; -5 when the card has gone; -19 when the device was not initialised.
- *         Not offered: 0.
+ *         a null handle, and for a null argument (but the Zel back-end hands a null
+ *         DEVICE_PARAMS record to its driver, and looks at no argument of RT_45); -5
+ *         when the card has gone; -19 when the device was not initialised. Not
+ *         offered: 0.
  */
 int32_t DevIoctl(DrvInfo* handle, uint32_t request, void* argument);
 

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: MIT */
 /**
  * @file carddev_state.h
- * @brief The units' records, exported for debuggers and board tests. Programs
- *        have no need of them; read, never write.
+ * @brief The units' records, exported for debuggers and tests. Programs have no
+ *        need of them; read, never write.
  */
 #ifndef CARDDEV_STATE_H
 #define CARDDEV_STATE_H

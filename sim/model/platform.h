@@ -1,22 +1,16 @@
 /* SPDX-License-Identifier: MIT */
 /*
- * What the card model needs from its surroundings. The model is plain C without
- * libc, so that one source can serve a program and a kernel.
+ * What the card model needs from its surroundings: types, error numbers and memory
+ * functions, so that the same source can be built into a kernel.
  */
 #ifndef CARDSIM_MODEL_PLATFORM_H
 #define CARDSIM_MODEL_PLATFORM_H
 
-#ifdef __KERNEL__
-#include <linux/errno.h>
-#include <linux/string.h>
-#include <linux/types.h>
-#else
 #include <errno.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
-#endif
 
 /* The memory of the program that sent a request. */
 struct sim_memory {
