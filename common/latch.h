@@ -7,6 +7,7 @@
 // A byte that goes from 0 to 1 and is looked at by other threads without the
 // lock. Relaxed: nothing else is ordered by it, and it costs a plain load or
 // store.
+// NOLINTNEXTLINE(readability-non-const-parameter): written by the builtin
 inline void Latch(uint8_t* latch)
 {
     __atomic_store_n(latch, uint8_t{1}, __ATOMIC_RELAXED);

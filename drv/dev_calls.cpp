@@ -103,6 +103,7 @@ MemoryChunkArray* AllocateChunks(const MemoryArray* list)
     // The write variant goes on from what stands there: a compiler that knows where
     // the block comes from could take that for no value at all.
     __asm__ volatile("" : "+r"(block) : : "memory");
+    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): the caller frees it
     return static_cast<MemoryChunkArray*>(block);
 }
 

@@ -108,7 +108,7 @@ namespace {
 // Words of the device-parameter record that are answered here, without the driver.
 // The others are left as the caller had them.
 struct AnsweredWord {
-    int place;
+    size_t place;
     uint32_t value;
 };
 

@@ -34,7 +34,7 @@ void sim_mivo_insert(struct sim_mivo *mivo, unsigned int unit, struct sim_card *
 /* Serve a request: the result, or a negated errno value; -ENOTTY for a request that
  * the driver does not know. A transfer is carried out at once and its end is left to
  * be fetched. */
-int sim_mivo_request(struct sim_mivo *mivo, unsigned int unit, uint32_t request,
+int sim_mivo_request(struct sim_mivo *mivo, unsigned int index, uint32_t request,
                      const struct sim_memory *memory, uintptr_t argument);
 
 /* Whether a request moves data. */

@@ -50,7 +50,7 @@ static int get_entry(const struct sim_memory *memory, uint32_t list, uint32_t in
 {
     uint8_t entry[8];
 
-    if (memory->get(memory->context, entry, (uintptr_t)list + index * 8, sizeof entry))
+    if (memory->get(memory->context, entry, (uintptr_t)list + (uintptr_t)index * 8, sizeof entry))
         return -EFAULT;
     *address = sim_get_le32(entry);
     *length = sim_get_le32(entry + 4);
@@ -92,7 +92,8 @@ int sim_move_list(struct sim_card *card, enum sim_direction direction, uint32_t 
         return -EINVAL;
     failed = check_list(sectors, memory, list, entries);
     for (i = 0; !failed && i < entries; i++) {
-        uint32_t address, length;
+        uint32_t address = 0;
+        uint32_t length = 0;
 
         failed = get_entry(memory, list, i, &address, &length);
         length &= ~SIM_SG_END;
