@@ -60,7 +60,7 @@ public:
 
     void Fill(const void* from)
     {
-        for (uint32_t i = 0; i < count_; i++) {
+        for (size_t i = 0; i < count_; i++) {
             std::memcpy(memory_.data() + i * kStride,
                         static_cast<const uint8_t*>(from) + i * kPiece, list()->chunk[i].len);
         }
@@ -68,7 +68,7 @@ public:
 
     void Gather(void* to)
     {
-        for (uint32_t i = 0; i < count_; i++) {
+        for (size_t i = 0; i < count_; i++) {
             std::memcpy(static_cast<uint8_t*>(to) + i * kPiece, memory_.data() + i * kStride,
                         list()->chunk[i].len);
         }
