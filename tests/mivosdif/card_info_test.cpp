@@ -793,7 +793,7 @@ protected:
             {"Mivo_CardGetSize",
              nullptr,
              0xFFFFFFFB,
-             [this](DrvInfo* h) { return mivo_ops.CardGetSize(h); },
+             [](DrvInfo* h) { return mivo_ops.CardGetSize(h); },
              {},
              false},
         };

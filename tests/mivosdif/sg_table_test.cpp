@@ -455,8 +455,8 @@ TEST_F(MivoUnitsTable, HasRoomForTheMarkOfAnEmptyList)
 {
     kernel.FillBlocksWith(0x61);
     Open();
-    const MemoryChunkArray none = {};
-    EXPECT_EQ(0, Mivo_Chunk2Sg(&none, dev->sg_table));
+    uint32_t none[1] = {};
+    EXPECT_EQ(0, Mivo_Chunk2Sg(reinterpret_cast<const MemoryChunkArray*>(none), dev->sg_table));
     EXPECT_EQ((Bytes{0x61, 0x61, 0x61, 0x61, 0x61, 0x61, 0x61, 0xE1}),
               BytesAt(AddressOf(dev->sg_table) - 8, 8));
     const uintptr_t table = AddressOf(dev->sg_table);
