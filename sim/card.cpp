@@ -25,7 +25,7 @@ std::unique_ptr<Card> Card::InMemory(uint32_t sectors)
 {
     std::unique_ptr<Card> card(new Card);
     card->memory_.resize(size_t{sectors} * SIM_SECTOR_SIZE);
-    card->model_.media = {ReadMemory, WriteMemory, card.get()};
+    card->model_.media = {ReadMemory, WriteMemory, card.get(), nullptr};
     sim_card_describe(&card->model_, sectors);
     return card;
 }
@@ -43,7 +43,7 @@ std::unique_ptr<Card> Card::FromImage(const std::string& path, bool write_protec
         throw std::runtime_error("the card image " + path + " holds " + std::to_string(size) +
                                  " bytes: a card is a whole number of 512-byte sectors");
     }
-    card->model_.media = {ReadImage, WriteImage, card.get()};
+    card->model_.media = {ReadImage, WriteImage, card.get(), nullptr};
     card->model_.write_protected = write_protected;
     sim_card_describe(&card->model_, static_cast<uint32_t>(size / SIM_SECTOR_SIZE));
     return card;

@@ -1,8 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 #include "sim/model/mivo_adaptor.h"
 
-#include "sim/model/transfer.h"
-
 #define MIVO_GET_STATUS        0x4006D300u
 #define MIVO_GET_PROTECT       0x2000D307u
 #define MIVO_GET_PARAMS        0x4030D30Fu
@@ -94,31 +92,54 @@ static int get_params(const struct sim_card *card, const struct sim_memory *memo
     return memory->put(memory->context, argument, record, sizeof record);
 }
 
-static int transfer(struct sim_mivo_unit *unit, uint32_t request, const struct sim_memory *memory,
-                    uintptr_t argument)
+static int check_transfer(struct sim_transfer *transfer, const struct sim_card *card,
+                          uint32_t request, const struct sim_memory *memory, uintptr_t argument)
 {
-    int failed;
-
     switch (request) {
     case MIVO_READ:
-        failed = sim_direct(unit->card, SIM_FROM_CARD, memory, argument);
-        break;
+        return sim_check_direct(transfer, card, SIM_FROM_CARD, memory, argument);
     case MIVO_WRITE:
     case MIVO_ALTERNATIVE_WRITE:
-        failed = sim_direct(unit->card, SIM_TO_CARD, memory, argument);
-        break;
+        return sim_check_direct(transfer, card, SIM_TO_CARD, memory, argument);
     case MIVO_RMW:
     case MIVO_FS_WRITE:
-        failed = sim_write_elements(unit->card, memory, argument, LENGTH_UNIT);
-        break;
-    case MIVO_COMMAND_WRITE:
-        failed = sim_command_write(unit->card, memory, argument, LENGTH_UNIT);
-        break;
+        return sim_check_elements(transfer, card, memory, argument, LENGTH_UNIT);
     default:
-        return -ENOTTY;
+        return sim_check_command_write(transfer, card, memory, argument, LENGTH_UNIT);
     }
-    /* The driver signals the end of a failed request, too. */
-    unit->finished = true;
+}
+
+/* The driver signals the end of a failed request, too. */
+int sim_mivo_start(struct sim_mivo *mivo, unsigned int index, uint32_t request,
+                   const struct sim_memory *memory, uintptr_t argument)
+{
+    struct sim_mivo_unit *unit = &mivo->unit[index];
+    int failed;
+
+    if (!unit->card)
+        return -ENODEV;
+    if (!sim_mivo_is_transfer(request))
+        return -ENOTTY;
+    failed = check_transfer(&unit->transfer, unit->card, request, memory, argument);
+    unit->finished = failed != 0;
+    return failed;
+}
+
+void sim_mivo_end(struct sim_mivo *mivo, unsigned int index)
+{
+    mivo->unit[index].finished = true;
+}
+
+static int transfer_at_once(struct sim_mivo *mivo, unsigned int index, uint32_t request,
+                            const struct sim_memory *memory, uintptr_t argument)
+{
+    struct sim_mivo_unit *unit = &mivo->unit[index];
+    int failed = sim_mivo_start(mivo, index, request, memory, argument);
+
+    if (failed)
+        return failed;
+    failed = sim_carry_out(&unit->transfer, unit->card, memory);
+    sim_mivo_end(mivo, index);
     return failed;
 }
 
@@ -130,9 +151,10 @@ static int card_command(struct sim_mivo_unit *unit, uint32_t command, uintptr_t 
 }
 
 /* Requests that need a card in the unit. */
-static int card_request(struct sim_mivo_unit *unit, uint32_t request,
+static int card_request(struct sim_mivo *mivo, unsigned int index, uint32_t request,
                         const struct sim_memory *memory, uintptr_t argument)
 {
+    struct sim_mivo_unit *unit = &mivo->unit[index];
     struct sim_card *card = unit->card;
 
     switch (request) {
@@ -155,7 +177,7 @@ static int card_request(struct sim_mivo_unit *unit, uint32_t request,
     case MIVO_COMMAND4:
         return card_command(unit, 4, argument);
     default:
-        return transfer(unit, request, memory, argument);
+        return transfer_at_once(mivo, index, request, memory, argument);
     }
 }
 
@@ -178,6 +200,6 @@ int sim_mivo_request(struct sim_mivo *mivo, unsigned int index, uint32_t request
         unit->mounted = unit->card != NULL;
         return unit->card ? 0 : -ENODEV;
     default:
-        return unit->card ? card_request(unit, request, memory, argument) : -ENODEV;
+        return unit->card ? card_request(mivo, index, request, memory, argument) : -ENODEV;
     }
 }

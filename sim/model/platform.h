@@ -1,16 +1,22 @@
 /* SPDX-License-Identifier: MIT */
 /*
  * What the card model needs from its surroundings: types, error numbers and memory
- * functions, so that the same source can be built into a kernel.
+ * functions. The same source is built into the stand-in and into the board's drivers.
  */
 #ifndef CARDSIM_MODEL_PLATFORM_H
 #define CARDSIM_MODEL_PLATFORM_H
 
+#ifdef __KERNEL__
+#include <linux/errno.h>
+#include <linux/string.h>
+#include <linux/types.h>
+#else
 #include <errno.h>
 #include <stdbool.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+#endif
 
 /* The memory of the program that sent a request. */
 struct sim_memory {

@@ -24,6 +24,8 @@ static int put_csd_response(const struct sim_card *card, const struct sim_memory
 int sim_ricoh_request(const struct sim_card *card, uint32_t request,
                       const struct sim_memory *memory, uintptr_t argument)
 {
+    if (!card)
+        return -ENODEV;
     switch (request) {
     case RICOH_GET_CSD:
         return put_csd_response(card, memory, argument);

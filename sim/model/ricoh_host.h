@@ -9,8 +9,8 @@
 extern "C" {
 #endif
 
-/* Serve `request` with the program's `argument`: 0, or a negated errno value
- * (-ENOTTY for a request that the driver does not know). */
+/* Serve `request` with the program's `argument`: 0, or a negated errno value (-ENODEV
+ * without a card, -ENOTTY for a request that the driver does not know). */
 int sim_ricoh_request(const struct sim_card *card, uint32_t request,
                       const struct sim_memory *memory, uintptr_t argument);
 

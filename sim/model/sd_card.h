@@ -21,6 +21,7 @@ struct sim_media {
     int (*read)(void *context, uint64_t position, void *to, uint32_t length);
     int (*write)(void *context, uint64_t position, const void *from, uint32_t length);
     void *context;
+    uint8_t *bytes; /* the sectors where they lie in memory as they are, or null */
 };
 
 /* Registers are most significant byte first. */

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: MIT */
 #include "sim/model/transfer.h"
 
-#define MOST_SG_ENTRIES 2048u
+#define ENTRIES_AT_ONCE 32u
 
 uint32_t sim_get_le32(const uint8_t *bytes)
 {
@@ -9,66 +9,60 @@ uint32_t sim_get_le32(const uint8_t *bytes)
            (uint32_t)bytes[3] << 24;
 }
 
-/* As sim_move, from a byte position on, through a buffer of one sector. */
-static int move_bytes(struct sim_card *card, enum sim_direction direction, uint64_t position,
-                      const struct sim_memory *memory, uint32_t address, uint32_t length)
+/* --- the check ------------------------------------------------------------- */
+
+static void begin(struct sim_transfer *transfer, enum sim_direction direction)
 {
-    uint8_t buffer[SIM_SECTOR_SIZE];
+    transfer->direction = direction;
+    transfer->pieces = 0;
+}
 
-    while (length) {
-        uint32_t step = length < SIM_SECTOR_SIZE ? length : SIM_SECTOR_SIZE;
-        int64_t moved;
+/* Add a piece. The caller sees to it that there is room. */
+static int add_piece(struct sim_transfer *transfer, const struct sim_card *card, uint64_t position,
+                     uint32_t address, uint32_t length)
+{
+    struct sim_piece *piece = &transfer->piece[transfer->pieces];
 
-        if (direction == SIM_TO_CARD) {
-            if (memory->get(memory->context, buffer, address, step))
-                return -EFAULT;
-            moved = sim_card_write(card, position, buffer, step);
-        } else {
-            moved = sim_card_read(card, position, buffer, step);
-        }
-        if (moved < 0)
-            return (int)moved;
-        if (moved != step)
-            return -EIO; /* past the card's end */
-        if (direction == SIM_FROM_CARD && memory->put(memory->context, address, buffer, step))
+    if (transfer->direction == SIM_TO_CARD && card->write_protected)
+        return -EROFS;
+    if (position + length > (uint64_t)card->sectors * SIM_SECTOR_SIZE)
+        return transfer->direction == SIM_TO_CARD ? -ENOSPC : -EIO;
+    piece->position = position;
+    piece->address = address;
+    piece->length = length;
+    transfer->pieces++;
+    return 0;
+}
+
+/* Note the list's entries as pieces, with their lengths as they stand there. */
+static int get_entries(struct sim_transfer *transfer, const struct sim_memory *memory,
+                       uint32_t list, uint32_t entries)
+{
+    uint8_t bytes[ENTRIES_AT_ONCE * 8];
+    uint32_t i;
+
+    for (i = 0; i < entries; i++) {
+        const uint8_t *entry = &bytes[i % ENTRIES_AT_ONCE * 8];
+        uint32_t left = entries - i;
+
+        if (i % ENTRIES_AT_ONCE == 0 &&
+            memory->get(memory->context, bytes, (uintptr_t)list + (uintptr_t)i * 8,
+                        (left < ENTRIES_AT_ONCE ? left : ENTRIES_AT_ONCE) * 8))
             return -EFAULT;
-        position += step;
-        address += step;
-        length -= step;
+        transfer->piece[i].address = sim_get_le32(entry);
+        transfer->piece[i].length = sim_get_le32(entry + 4);
     }
     return 0;
 }
 
-int sim_move(struct sim_card *card, enum sim_direction direction, uint32_t sector,
-             const struct sim_memory *memory, uint32_t address, uint32_t length)
-{
-    return move_bytes(card, direction, (uint64_t)sector * SIM_SECTOR_SIZE, memory, address, length);
-}
-
-static int get_entry(const struct sim_memory *memory, uint32_t list, uint32_t index,
-                     uint32_t *address, uint32_t *length)
-{
-    uint8_t entry[8];
-
-    if (memory->get(memory->context, entry, (uintptr_t)list + (uintptr_t)index * 8, sizeof entry))
-        return -EFAULT;
-    *address = sim_get_le32(entry);
-    *length = sim_get_le32(entry + 4);
-    return 0;
-}
-
-static int check_list(uint32_t sectors, const struct sim_memory *memory, uint32_t list,
-                      uint32_t entries)
+static int check_entries(const struct sim_transfer *transfer, uint32_t sectors, uint32_t entries)
 {
     uint64_t total = 0;
     uint32_t i;
 
     for (i = 0; i < entries; i++) {
-        uint32_t address, length;
-        int failed = get_entry(memory, list, i, &address, &length);
+        uint32_t length = transfer->piece[i].length;
 
-        if (failed)
-            return failed;
         if (((length & SIM_SG_END) != 0) != (i == entries - 1))
             return -EINVAL;
         length &= ~SIM_SG_END;
@@ -79,26 +73,25 @@ static int check_list(uint32_t sectors, const struct sim_memory *memory, uint32_
     return total == (uint64_t)sectors * SIM_SECTOR_SIZE ? 0 : -EINVAL;
 }
 
-int sim_move_list(struct sim_card *card, enum sim_direction direction, uint32_t sector,
-                  uint32_t sectors, const struct sim_memory *memory, uint32_t list,
-                  uint32_t list_bytes)
+int sim_check_list(struct sim_transfer *transfer, const struct sim_card *card,
+                   enum sim_direction direction, uint32_t sector, uint32_t sectors,
+                   const struct sim_memory *memory, uint32_t list, uint32_t list_bytes)
 {
     uint64_t position = (uint64_t)sector * SIM_SECTOR_SIZE;
     uint32_t entries = list_bytes / 8;
     uint32_t i;
     int failed;
 
-    if (list_bytes % 8 || entries > MOST_SG_ENTRIES)
+    if (list_bytes % 8 || entries > SIM_MOST_PIECES)
         return -EINVAL;
-    failed = check_list(sectors, memory, list, entries);
+    begin(transfer, direction);
+    failed = get_entries(transfer, memory, list, entries);
+    if (!failed)
+        failed = check_entries(transfer, sectors, entries);
     for (i = 0; !failed && i < entries; i++) {
-        uint32_t address = 0;
-        uint32_t length = 0;
+        uint32_t length = transfer->piece[i].length & ~SIM_SG_END;
 
-        failed = get_entry(memory, list, i, &address, &length);
-        length &= ~SIM_SG_END;
-        if (!failed)
-            failed = move_bytes(card, direction, position, memory, address, length);
+        failed = add_piece(transfer, card, position, transfer->piece[i].address, length);
         position += length;
     }
     return failed;
@@ -137,19 +130,20 @@ struct command_data_record {
     uint32_t list_bytes;
 };
 
-int sim_direct(struct sim_card *card, enum sim_direction direction, const struct sim_memory *memory,
-               uintptr_t record)
+int sim_check_direct(struct sim_transfer *transfer, const struct sim_card *card,
+                     enum sim_direction direction, const struct sim_memory *memory,
+                     uintptr_t record)
 {
     struct direct_record direct;
 
     if (memory->get(memory->context, &direct, record, sizeof direct))
         return -EFAULT;
-    return sim_move_list(card, direction, direct.sector, direct.sectors, memory, direct.list,
-                         direct.list_bytes);
+    return sim_check_list(transfer, card, direction, direct.sector, direct.sectors, memory,
+                          direct.list, direct.list_bytes);
 }
 
-static int write_element(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
-                         uint32_t unit)
+static int check_element(struct sim_transfer *transfer, const struct sim_card *card,
+                         const struct sim_memory *memory, uintptr_t record, uint32_t unit)
 {
     struct element_record element;
     uint32_t length;
@@ -159,12 +153,14 @@ static int write_element(struct sim_card *card, const struct sim_memory *memory,
     length = sim_get_le32(element.sg_length) & ~SIM_SG_END;
     if (length > SIM_SG_MAX_LEN || length > (uint64_t)element.length * unit)
         return -EINVAL;
-    return sim_move(card, SIM_TO_CARD, element.sector, memory, sim_get_le32(element.sg_address),
-                    length);
+    if (length == 0)
+        return 0;
+    return add_piece(transfer, card, (uint64_t)element.sector * SIM_SECTOR_SIZE,
+                     sim_get_le32(element.sg_address), length);
 }
 
-int sim_write_elements(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
-                       uint32_t unit)
+int sim_check_elements(struct sim_transfer *transfer, const struct sim_card *card,
+                       const struct sim_memory *memory, uintptr_t record, uint32_t unit)
 {
     struct elements_record list;
     int32_t i;
@@ -172,14 +168,17 @@ int sim_write_elements(struct sim_card *card, const struct sim_memory *memory, u
 
     if (memory->get(memory->context, &list, record, sizeof list))
         return -EFAULT;
+    if ((int32_t)list.count > (int32_t)SIM_MOST_PIECES)
+        return -EINVAL;
+    begin(transfer, SIM_TO_CARD);
     for (i = 0; !failed && i < (int32_t)list.count; i++)
-        failed = write_element(card, memory,
+        failed = check_element(transfer, card, memory,
                                list.elements + (uintptr_t)i * sizeof(struct element_record), unit);
     return failed;
 }
 
-int sim_command_write(struct sim_card *card, const struct sim_memory *memory, uintptr_t record,
-                      uint32_t unit)
+int sim_check_command_write(struct sim_transfer *transfer, const struct sim_card *card,
+                            const struct sim_memory *memory, uintptr_t record, uint32_t unit)
 {
     struct command_record command;
     struct command_data_record data;
@@ -191,6 +190,60 @@ int sim_command_write(struct sim_card *card, const struct sim_memory *memory, ui
     bytes = (uint64_t)data.length * unit;
     if (bytes % SIM_SECTOR_SIZE)
         return -EINVAL;
-    return sim_move_list(card, SIM_TO_CARD, data.argument, (uint32_t)(bytes / SIM_SECTOR_SIZE),
-                         memory, data.list, data.list_bytes);
+    return sim_check_list(transfer, card, SIM_TO_CARD, data.argument,
+                          (uint32_t)(bytes / SIM_SECTOR_SIZE), memory, data.list, data.list_bytes);
+}
+
+/* --- carrying out ------------------------------------------------------------ */
+
+/* Through a buffer of one sector. */
+static int move_by_sector(struct sim_card *card, enum sim_direction direction,
+                          struct sim_piece piece, const struct sim_memory *memory)
+{
+    uint8_t buffer[SIM_SECTOR_SIZE];
+
+    while (piece.length) {
+        uint32_t step = piece.length < SIM_SECTOR_SIZE ? piece.length : SIM_SECTOR_SIZE;
+        int64_t moved;
+
+        if (direction == SIM_TO_CARD) {
+            if (memory->get(memory->context, buffer, piece.address, step))
+                return -EFAULT;
+            moved = sim_card_write(card, piece.position, buffer, step);
+        } else {
+            moved = sim_card_read(card, piece.position, buffer, step);
+        }
+        if (moved < 0)
+            return (int)moved;
+        if (direction == SIM_FROM_CARD && memory->put(memory->context, piece.address, buffer, step))
+            return -EFAULT;
+        piece.position += step;
+        piece.address += step;
+        piece.length -= step;
+    }
+    return 0;
+}
+
+static int move_piece(struct sim_card *card, enum sim_direction direction,
+                      const struct sim_piece *piece, const struct sim_memory *memory)
+{
+    uint8_t *bytes = card->media.bytes;
+
+    if (!bytes)
+        return move_by_sector(card, direction, *piece, memory);
+    bytes += (size_t)piece->position;
+    if (direction == SIM_TO_CARD)
+        return memory->get(memory->context, bytes, piece->address, piece->length);
+    return memory->put(memory->context, piece->address, bytes, piece->length);
+}
+
+int sim_carry_out(const struct sim_transfer *transfer, struct sim_card *card,
+                  const struct sim_memory *memory)
+{
+    uint32_t i;
+    int failed = 0;
+
+    for (i = 0; !failed && i < transfer->pieces; i++)
+        failed = move_piece(card, transfer->direction, &transfer->piece[i], memory);
+    return failed;
 }

@@ -1,8 +1,6 @@
 /* SPDX-License-Identifier: MIT */
 #include "sim/model/zel_slots.h"
 
-#include "sim/model/transfer.h"
-
 /* Block nodes. */
 #define BLK_GET_SIZE       0x20001260u
 #define BLK_MOUNT          0x2000BC0Au
@@ -197,32 +195,52 @@ static int set_params(struct sim_zel_slot *slot, const struct sim_memory *memory
     return 0;
 }
 
-static int transfer(struct sim_zel_slot *slot, uint32_t request, const struct sim_memory *memory,
-                    uintptr_t argument)
+static int check_transfer(struct sim_transfer *transfer, const struct sim_card *card,
+                          uint32_t request, const struct sim_memory *memory, uintptr_t argument)
 {
-    int failed;
+    switch (request) {
+    case ZEL_READ:
+        return sim_check_direct(transfer, card, SIM_FROM_CARD, memory, argument);
+    case ZEL_WRITE:
+    case ZEL_SEQ_WRITE:
+        return sim_check_direct(transfer, card, SIM_TO_CARD, memory, argument);
+    case ZEL_RMW:
+    case ZEL_FS_WRITE:
+        return sim_check_elements(transfer, card, memory, argument, LENGTH_UNIT);
+    default:
+        return sim_check_command_write(transfer, card, memory, argument, LENGTH_UNIT);
+    }
+}
+
+/* A request that fails takes an end away that nobody has been told. */
+int sim_zel_start(struct sim_zel *zel, unsigned int unit, uint32_t request,
+                  const struct sim_memory *memory, uintptr_t argument)
+{
+    struct sim_zel_slot *slot = &zel->slot[unit];
 
     if (!slot->card)
         return -ENODEV;
-    switch (request) {
-    case ZEL_READ:
-        failed = sim_direct(slot->card, SIM_FROM_CARD, memory, argument);
-        break;
-    case ZEL_WRITE:
-    case ZEL_SEQ_WRITE:
-        failed = sim_direct(slot->card, SIM_TO_CARD, memory, argument);
-        break;
-    case ZEL_RMW:
-    case ZEL_FS_WRITE:
-        failed = sim_write_elements(slot->card, memory, argument, LENGTH_UNIT);
-        break;
-    case ZEL_COMMAND_WRITE:
-        failed = sim_command_write(slot->card, memory, argument, LENGTH_UNIT);
-        break;
-    default:
+    if (!sim_zel_is_transfer(request))
         return -ENOTTY;
-    }
-    slot->finished = !failed;
+    slot->finished = false;
+    return check_transfer(&slot->transfer, slot->card, request, memory, argument);
+}
+
+void sim_zel_end(struct sim_zel *zel, unsigned int unit, int failed)
+{
+    zel->slot[unit].finished = !failed;
+}
+
+static int transfer_at_once(struct sim_zel *zel, unsigned int unit, uint32_t request,
+                            const struct sim_memory *memory, uintptr_t argument)
+{
+    struct sim_zel_slot *slot = &zel->slot[unit];
+    int failed = sim_zel_start(zel, unit, request, memory, argument);
+
+    if (failed)
+        return failed;
+    failed = sim_carry_out(&slot->transfer, slot->card, memory);
+    sim_zel_end(zel, unit, failed);
     return failed;
 }
 
@@ -245,7 +263,7 @@ int sim_zel_char_request(struct sim_zel *zel, unsigned int unit, uint32_t reques
         slot->finished = false;
         return 0;
     default:
-        return transfer(slot, request, memory, argument);
+        return transfer_at_once(zel, unit, request, memory, argument);
     }
 }
 

@@ -6,7 +6,7 @@
 #ifndef CARDSIM_MODEL_ZEL_SLOTS_H
 #define CARDSIM_MODEL_ZEL_SLOTS_H
 
-#include "sim/model/sd_card.h"
+#include "sim/model/transfer.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -15,14 +15,15 @@ extern "C" {
 #define SIM_ZEL_SLOTS 6
 
 struct sim_zel_slot {
-    struct sim_card *card; /* null: the slot is empty */
-    bool changed;          /* removed or replaced since the slot was last opened */
-    bool finished;         /* a request has ended and nobody has been told yet */
-    uint8_t version;       /* what the identify block says, 0x40 for a card of today */
-    uint32_t data_start;   /* from the last format parameters; 0 before any */
-    uint32_t resets;       /* reset requests so far */
-    uint32_t last_command; /* the last card command's number (2, 3, 4) ... */
-    uint32_t command_word; /* ... and its argument */
+    struct sim_card *card;        /* null: the slot is empty */
+    bool changed;                 /* removed or replaced since the slot was last opened */
+    bool finished;                /* a request has ended and nobody has been told yet */
+    uint8_t version;              /* what the identify block says, 0x40 for a card of today */
+    uint32_t data_start;          /* from the last format parameters; 0 before any */
+    uint32_t resets;              /* reset requests so far */
+    uint32_t last_command;        /* the last card command's number (2, 3, 4) ... */
+    uint32_t command_word;        /* ... and its argument */
+    struct sim_transfer transfer; /* the last one that was accepted */
 };
 
 /* The control node. `channel` and `record` are what the last request about one
@@ -60,6 +61,13 @@ int sim_rtctrl_request(struct sim_zel *zel, uint32_t request, const struct sim_m
 
 /* Whether a character node's request moves data. */
 bool sim_zel_is_transfer(uint32_t request);
+
+/* For drivers whose transfers take their time: check such a request and note it in the
+ * slot's `transfer` (0, or the negated errno value that answers it), and, once it has
+ * been carried out, the end. */
+int sim_zel_start(struct sim_zel *zel, unsigned int unit, uint32_t request,
+                  const struct sim_memory *memory, uintptr_t argument);
+void sim_zel_end(struct sim_zel *zel, unsigned int unit, int failed);
 
 /* Whether a request has ended since the last call. */
 bool sim_zel_fetch_end(struct sim_zel *zel, unsigned int unit);

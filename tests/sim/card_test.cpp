@@ -238,7 +238,7 @@ protected:
     CardSectors()
     {
         card.sectors = 0xFFFFFFFF;
-        card.media = {Media::Read, Media::Write, &media};
+        card.media = {Media::Read, Media::Write, &media, nullptr};
     }
 
     static constexpr uint64_t kEnd = uint64_t{0xFFFFFFFF} * 512;

@@ -149,4 +149,12 @@ TEST(RicohDriver, HasABlockNode)
     EXPECT_EQ(0, close(fd));
 }
 
+TEST_F(RicohHost, HasNothingToSayWithoutACard)
+{
+    const sim_memory program = {Memory::Put, nullptr, &memory};
+    EXPECT_EQ(-ENODEV, sim_ricoh_request(nullptr, 0x400178FF, &program, 1));
+    EXPECT_EQ(-ENODEV, sim_ricoh_request(nullptr, 0, &program, 1));
+    EXPECT_TRUE(memory.puts.empty());
+}
+
 }  // namespace

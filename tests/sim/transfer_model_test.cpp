@@ -83,8 +83,9 @@ protected:
     }
     int MoveBytes(sim_direction direction, uint32_t sector, uint32_t sectors, uint32_t list_bytes)
     {
-        return sim_move_list(&card->model(), direction, sector, sectors, &memory, kList,
-                             list_bytes);
+        const int failed = sim_check_list(transfer.get(), &card->model(), direction, sector,
+                                          sectors, &memory, kList, list_bytes);
+        return failed != 0 ? failed : sim_carry_out(transfer.get(), &card->model(), &memory);
     }
 
     Bytes OnCard()
@@ -109,6 +110,7 @@ protected:
     std::shared_ptr<cardsim::Card> card = cardsim::Card::InMemory(kSectors);
     Bytes content;
     Bytes program = Bytes(kSize);
+    const std::unique_ptr<sim_transfer> transfer = std::make_unique<sim_transfer>();
     const sim_memory memory = {Put, Get, this};
 };
 
@@ -219,14 +221,17 @@ TEST_F(TransferModel, FindsAddressesThatAreNone)
     EXPECT_EQ(-EFAULT, Move(SIM_FROM_CARD, 0, 1, {{0x1000, 512 | SIM_SG_END}}));
     EXPECT_EQ(-EFAULT, Move(SIM_TO_CARD, 0, 1, {{0x1000, 512 | SIM_SG_END}}));
     EXPECT_EQ(content, OnCard());
-    EXPECT_EQ(-EFAULT, sim_move_list(&card->model(), SIM_FROM_CARD, 0, 1, &memory, 0x1000, 8));
+    EXPECT_EQ(-EFAULT, sim_check_list(transfer.get(), &card->model(), SIM_FROM_CARD, 0, 1, &memory,
+                                      0x1000, 8));
 }
 
 TEST_F(TransferModel, EndsWithTheCard)
 {
+    const Bytes before = Program(kData, 1024);
     EXPECT_EQ(-EIO, Move(SIM_FROM_CARD, kSectors, 1, {{kData, 512 | SIM_SG_END}}));
     EXPECT_EQ(-EIO, Move(SIM_FROM_CARD, kSectors - 1, 2, {{kData, 1024 | SIM_SG_END}}));
-    EXPECT_EQ(Content(511 * 512, 512), Program(kData, 512));
+    EXPECT_EQ(before, Program(kData, 1024));
+    EXPECT_EQ(-ENOSPC, Move(SIM_TO_CARD, kSectors - 1, 2, {{kData, 1024 | SIM_SG_END}}));
     EXPECT_EQ(-ENOSPC, Move(SIM_TO_CARD, kSectors, 1, {{kData, 512 | SIM_SG_END}}));
     EXPECT_EQ(-ENOSPC, Move(SIM_TO_CARD, 0xFFFFFFFF, 1, {{kData, 512 | SIM_SG_END}}));
     EXPECT_EQ(content, OnCard());
@@ -240,16 +245,52 @@ TEST_F(TransferModel, RefusesToWriteToAProtectedCard)
     EXPECT_EQ(content, OnCard());
 }
 
-TEST_F(TransferModel, MovesOnePieceOfAnyLength)
+TEST_F(TransferModel, MovesPiecesOfAnyLength)
 {
-    ASSERT_EQ(0, sim_move(&card->model(), SIM_FROM_CARD, 7, &memory, kData + 3, 70001));
-    EXPECT_EQ(Content(7 * 512, 70001), Program(kData + 3, 70001));
-    ASSERT_EQ(0, sim_move(&card->model(), SIM_TO_CARD, 9, &memory, kData + 500, 513));
+    const auto move = [&](sim_direction direction, const sim_piece& piece) {
+        transfer->direction = direction;
+        transfer->pieces = 1;
+        transfer->piece[0] = piece;
+        return sim_carry_out(transfer.get(), &card->model(), &memory);
+    };
+    ASSERT_EQ(0, move(SIM_FROM_CARD, {7 * 512, kData + 3, 65536}));
+    EXPECT_EQ(Content(7 * 512, 65536), Program(kData + 3, 65536));
+    ASSERT_EQ(0, move(SIM_TO_CARD, {9 * 512, kData + 500, 513}));
     Bytes expected = content;
     const Bytes written = Program(kData + 500, 513);
     std::copy(written.begin(), written.end(), expected.begin() + 9 * 512);
     EXPECT_EQ(expected, OnCard());
-    EXPECT_EQ(0, sim_move(&card->model(), SIM_TO_CARD, 9, &memory, 0, 0));
+}
+
+// What the program does to its list after the check does not matter.
+TEST_F(TransferModel, KeepsWhatItChecked)
+{
+    PutList({{kData, 512 | SIM_SG_END}});
+    ASSERT_EQ(
+        0, sim_check_list(transfer.get(), &card->model(), SIM_FROM_CARD, 5, 1, &memory, kList, 8));
+    EXPECT_NE(Content(5 * 512, 512), Program(kData, 512));
+    PutList({{0x1000, 77}});
+    ASSERT_EQ(0, sim_carry_out(transfer.get(), &card->model(), &memory));
+    EXPECT_EQ(Content(5 * 512, 512), Program(kData, 512));
+}
+
+// A card in memory takes its data without a detour.
+TEST_F(TransferModel, MovesStraightToAndFromACardInMemory)
+{
+    Bytes sectors = content;
+    card->model().media = {nullptr, nullptr, nullptr, sectors.data()};
+    ASSERT_EQ(0, Move(SIM_FROM_CARD, 3, 2, {{kData + 2000, 500}, {kData, 524 | SIM_SG_END}}));
+    EXPECT_EQ(Content(1536, 500), Program(kData + 2000, 500));
+    EXPECT_EQ(Content(2036, 524), Program(kData, 524));
+    ASSERT_EQ(0, Move(SIM_TO_CARD, 510, 2, {{kData + 900, 1}, {kData, 1023 | SIM_SG_END}}));
+    Bytes expected = content;
+    expected[510 * 512] = program[kData - kBase + 900];
+    const Bytes written = Program(kData, 1023);
+    std::copy(written.begin(), written.end(), expected.begin() + 510 * 512 + 1);
+    EXPECT_EQ(expected, sectors);
+    EXPECT_EQ(-EFAULT, Move(SIM_TO_CARD, 0, 1, {{0x1000, 512 | SIM_SG_END}}));
+    EXPECT_EQ(-EFAULT, Move(SIM_FROM_CARD, 0, 1, {{0x1000, 512 | SIM_SG_END}}));
+    EXPECT_EQ(expected, sectors);
 }
 
 TEST_F(TransferModel, PassesAFailureOfTheMediaOn)

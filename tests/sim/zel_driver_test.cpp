@@ -494,6 +494,10 @@ TEST_F(ZelDriver, WritesElements)
         // None, or fewer.
         ASSERT_EQ(0, ask(request, 0));
         ASSERT_EQ(0, ask(request, 0xFFFFFFFF));
+        // More than the driver has room for.
+        EXPECT_EQ(-EINVAL, ask(request, SIM_MOST_PIECES + 1));
+        EXPECT_EQ(-EINVAL, ask(request, 0x7FFFFFFF));
+        ASSERT_EQ(0, ask(request, 0));
         EXPECT_EQ(POLLOUT, Events());
         // More memory than sectors, more than 64 KiB, past the card.
         put(0, 300, 1, memory.address(), 513);
