@@ -200,8 +200,8 @@ struct unit {
     struct work_struct work;
 
     /* with cards_lock */
-    bool busy;       /* a transfer is being checked or under way */
-    bool end_failed; /* the last one failed and nobody has been told yet */
+    bool busy;      /* a transfer is being checked or under way */
+    u16 end_events; /* what is to be told of the last one in place of its good end */
 
     /* of the transfer under way */
     struct card *card;

@@ -38,7 +38,7 @@ static int carry_out(struct unit *unit, const struct sim_memory *memory)
     return failed;
 }
 
-/* Nothing of the transfer is left but its end, which `told` wants to be told. */
+/* Nothing of the transfer is left but its end, which is told to the next poll. */
 static int finish(struct unit *unit, int failed, bool at_once, const struct outcome *outcome)
 {
     bool never = unit->never || (outcome && outcome->never);
@@ -49,9 +49,13 @@ static int finish(struct unit *unit, int failed, bool at_once, const struct outc
     if (unit->place->card != card && !failed)
         failed = -ENODEV;
     unit->model->end(unit->place->index, failed);
-    if (never || (failed && !at_once))
+    if (never || (failed && !at_once) || (outcome && outcome->has_events))
         unit->model->fetch_end(unit->place->index);
-    unit->end_failed = failed && !at_once && !never;
+    unit->end_events = 0;
+    if (!never && outcome && outcome->has_events)
+        unit->end_events = outcome->events;
+    else if (!never && failed && !at_once)
+        unit->end_events = POLLERR;
     unit->card = NULL;
     unit->owner = NULL;
     unit->busy = false;
@@ -144,7 +148,7 @@ static int take_up(struct unit *unit, const struct request *request)
         return -EBUSY;
     }
     unit->busy = true;
-    unit->end_failed = false;
+    unit->end_events = 0;
     card = place_card_locked(unit->place);
     failed = unit->model->start(index, request->request, &user_memory_locked, request->argument);
     if (failed) {
@@ -187,7 +191,7 @@ static long other_request(struct unit *unit, const struct request *request)
         abort_transfer(unit);
     spin_lock(&cards_lock);
     if (request->request == unit->model->reset)
-        unit->end_failed = false;
+        unit->end_events = 0;
     card = place_card_locked(unit->place);
     result = unit->model->request(unit->place->index, request->request, &user_memory_locked,
                                   request->argument);
@@ -222,11 +226,11 @@ static u16 take_events(struct unit *unit, __poll_t wanted)
 {
     u16 events = 0;
 
-    if (unit->end_failed)
-        events = POLLERR;
+    if (unit->end_events)
+        events = unit->end_events;
     else if ((wanted & EPOLLOUT) && unit->model->fetch_end(unit->place->index))
         events = POLLOUT;
-    unit->end_failed = false;
+    unit->end_events = 0;
     return events;
 }
 
