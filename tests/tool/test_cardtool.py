@@ -637,6 +637,12 @@ class SlotTest(CardtoolTest):
         self.assertIn("--first 512", lines[1])
         self.assertTrue(pathlib.Path(self.path("out")).read_bytes() == self.content[: 512 * SECTOR])
 
+    def test_an_eject_that_breaks_the_transfer_counts_as_one(self):
+        eject = {"call": "ioctl", "request": "0x2000700d", "first": 2, "eject": self.NODE}
+        arguments = ["read", self.NODE, "--direct", "-o", self.path("out")]
+        result = self.on_card(*arguments, sim=self.slot(eject | {"errno": "EIO"}))
+        self.fail_with(REMOVED, result, "after 256 of 1000 sectors", "removed")
+
     def test_an_eject_during_plain_reads_is_noticed_too(self):
         eject = {"call": "read", "first": 1, "eject": self.NODE}
         arguments = ["read", self.NODE, "-o", self.path("out")]

@@ -23,19 +23,20 @@ void NoteEject()
     ejected = true;
 }
 
-// Why a transfer moved nothing.
-int WhyNothing()
+// Why a transfer moved nothing. A card that leaves in the middle of one is at first
+// only a failed transfer: the library looks for the card when it is asked again.
+int WhyNothing(DrvInfo* handle)
 {
-    if (ejected) {
-        return ENOMEDIUM;
-    }
-    return errno != 0 ? errno : EIO;
+    const int error = errno != 0 ? errno : EIO;
+    uint16_t status = 0;
+    const bool gone = CARD_Getstatus(handle, &status) == CARD_CODE_REMOVED;
+    return gone || ejected ? ENOMEDIUM : error;
 }
 
-Moved Outcome(const CardIoResult& result)
+Moved Outcome(DrvInfo* handle, const CardIoResult& result)
 {
     if (result.error != 0) {
-        return {0, WhyNothing()};
+        return {0, WhyNothing(handle)};
     }
     return {static_cast<uint32_t>(result.length) / CARD_SECTOR_SIZE, 0};
 }
@@ -226,10 +227,10 @@ std::array<uint8_t, CARD_SD_STATUS_SIZE> Device::SdStatus()
     return status;
 }
 
-Moved Device::DirectOutcome(int32_t result) const
+Moved Device::DirectOutcome(int32_t result)
 {
     if (result < 0) {
-        return {0, WhyNothing()};
+        return {0, WhyNothing(&handle_)};
     }
     return {static_cast<uint32_t>(result) / DirectLength(type(), 1), 0};
 }
@@ -262,7 +263,7 @@ Moved Device::Read(uint32_t first, uint32_t sectors, void* to)
     CardIoResult result = {};
     errno = 0;
     CARD_Read(&handle_, to, sectors, first, 0, &result);
-    return Outcome(result);
+    return Outcome(&handle_, result);
 }
 
 Moved Device::Write(uint32_t first, uint32_t sectors, const void* from)
@@ -270,5 +271,5 @@ Moved Device::Write(uint32_t first, uint32_t sectors, const void* from)
     CardIoResult result = {};
     errno = 0;
     CARD_Write(&handle_, from, sectors, first, 0, &result);
-    return Outcome(result);
+    return Outcome(&handle_, result);
 }

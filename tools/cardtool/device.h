@@ -55,7 +55,7 @@ private:
     void Need(bool offered, const char* what) const;
     // Throws unless the card code means success.
     void Check(int32_t code, const char* what) const;
-    Moved DirectOutcome(int32_t result) const;
+    Moved DirectOutcome(int32_t result);
 
     std::string path_;
     DrvInfo handle_;
