@@ -10,7 +10,6 @@ work=$1
 new_first=$2
 new_count=$3
 log=$work/board.txt
-PATH=$PATH:build/ppc
 
 heading() { printf '\n== %s\n' "$1"; }
 say() { printf '\n%s\n' "$1"; }
