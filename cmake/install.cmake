@@ -5,7 +5,7 @@ install(TARGETS carddev_static carddev_shared EXPORT carddevTargets
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 set_target_properties(carddev_shared PROPERTIES EXPORT_NAME carddev)
-install(FILES include/carddev.h include/carddev_state.h
+install(FILES include/carddev.h include/carddev.hpp include/carddev_state.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/carddev)

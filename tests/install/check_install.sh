@@ -25,6 +25,7 @@ for language in C CXX; do
     "$@" "$tree/with_carddev"
     "$@" "$tree/with_carddev_static"
 done
+"$@" "$scratch/CXX/with_carddev_hpp"
 
 echo "-- pkg-config"
 PKG_CONFIG_PATH=$(dirname "$(find "$prefix" -name carddev.pc)")
@@ -36,5 +37,11 @@ libdir=$(pkg-config --variable=libdir carddev)
     -o "$scratch/c_program" "${libs[@]}" "-Wl,-rpath,$libdir"
 "$cxx" -std=c++11 -Wall -Wextra -Wpedantic -Werror "${cflags[@]}" "$here/consumer/consumer.cpp" \
     -o "$scratch/cxx_program" "${libs[@]}" "-Wl,-rpath,$libdir"
+for standard in 17 20; do
+    "$cxx" "-std=c++$standard" -Wall -Wextra -Wpedantic -Werror -fno-exceptions -fno-rtti \
+        "${cflags[@]}" "$here/consumer/consumer_hpp.cpp" -o "$scratch/hpp$standard" "${libs[@]}" \
+        "-Wl,-rpath,$libdir"
+    "$@" "$scratch/hpp$standard"
+done
 "$@" "$scratch/c_program"
 "$@" "$scratch/cxx_program"
