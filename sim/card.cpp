@@ -30,13 +30,24 @@ std::unique_ptr<Card> Card::InMemory(uint32_t sectors)
     return card;
 }
 
+// What helps where an image may be read and not written.
+static const char* Remedy(int error, bool write_protected)
+{
+    const bool is_for_reading = error == EACCES || error == EPERM || error == EROFS;
+    return is_for_reading && !write_protected
+               ? " (a card that is not to be written needs \"write_protected\": true in a "
+                 "description)"
+               : "";
+}
+
 std::unique_ptr<Card> Card::FromImage(const std::string& path, bool write_protected)
 {
     std::unique_ptr<Card> card(new Card);
     card->image_ = libc::Open(path.c_str(), (write_protected ? O_RDONLY : O_RDWR) | O_CLOEXEC, 0);
     if (card->image_ < 0) {
+        const int error = errno;
         throw std::runtime_error("cannot open the card image " + path + ": " +
-                                 std::strerror(errno));
+                                 std::strerror(error) + Remedy(error, write_protected));
     }
     const off64_t size = libc::Seek(card->image_, 0, SEEK_END);
     if (size <= 0 || size % SIM_SECTOR_SIZE != 0 || size / SIM_SECTOR_SIZE > UINT32_MAX) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
+#include <set>
 #include <stdexcept>
 #include <utility>
 
@@ -22,11 +23,28 @@ namespace {
 
 using nlohmann::json;
 
+// "must be a string, not a number"
+[[noreturn]] void RefuseType(const std::string& what, const char* wanted, const json& found)
+{
+    throw std::runtime_error(what + " must be " + wanted + ", not " +
+                             (found.is_null()      ? "null"
+                              : found.is_boolean() ? "true or false"
+                              : found.is_number()  ? "a number"
+                              : found.is_string()  ? "a string"
+                              : found.is_array()   ? "a list"
+                                                   : "an object"));
+}
+
+std::string Quoted(const char* key)
+{
+    return std::string("\"") + key + "\"";
+}
+
 // A misspelt key would silently change nothing; it is an error instead.
 void AllowOnly(const json& object, const char* what, std::initializer_list<const char*> keys)
 {
     if (!object.is_object()) {
-        throw std::runtime_error(std::string(what) + " must be an object in braces");
+        RefuseType(what, "an object in braces", object);
     }
     for (const auto& item : object.items()) {
         const bool known = std::any_of(keys.begin(), keys.end(),
@@ -35,6 +53,38 @@ void AllowOnly(const json& object, const char* what, std::initializer_list<const
             throw std::runtime_error(std::string(what) + " knows no \"" + item.key() + "\"");
         }
     }
+}
+
+// `what` is who needs the key: "a card".
+std::string Text(const json& object, const char* what, const char* key)
+{
+    if (!object.contains(key)) {
+        throw std::runtime_error(std::string(what) + " needs " + Quoted(key));
+    }
+    const json& value = object.at(key);
+    if (!value.is_string()) {
+        RefuseType(Quoted(key), "a string", value);
+    }
+    return value.get<std::string>();
+}
+
+bool Flag(const json& object, const char* key)
+{
+    const json value = object.value(key, json(false));
+    if (!value.is_boolean()) {
+        RefuseType(Quoted(key), "true or false", value);
+    }
+    return value.get<bool>();
+}
+
+// An empty list where it is not said.
+json List(const json& object, const char* key)
+{
+    json value = object.value(key, json::array());
+    if (!value.is_array()) {
+        RefuseType(Quoted(key), "a list in brackets", value);
+    }
+    return value;
 }
 
 int HexDigit(char digit)
@@ -56,11 +106,11 @@ void SetRegister(const json& card, const char* key, uint8_t* reg, size_t size)
     if (!card.contains(key)) {
         return;
     }
-    const auto text = card.at(key).get<std::string>();
+    const std::string text = Text(card, "a card", key);
     const bool all_hex =
         std::all_of(text.begin(), text.end(), [](char digit) { return HexDigit(digit) >= 0; });
     if (text.size() != 2 * size || !all_hex) {
-        throw std::runtime_error(std::string("\"") + key + "\" takes " + std::to_string(2 * size) +
+        throw std::runtime_error(Quoted(key) + " takes " + std::to_string(2 * size) +
                                  " hexadecimal digits");
     }
     for (size_t i = 0; i < size; i++) {
@@ -81,6 +131,7 @@ struct Setting {
     std::string file;
     std::shared_ptr<ZelSlots> slots;   // once a slot is named
     std::shared_ptr<MivoUnits> units;  // once a unit of the adaptor is named
+    std::set<std::string> filled;      // nodes that a card was put behind
 
     ZelSlots& Slots()
     {
@@ -108,21 +159,40 @@ unsigned UnitIn(const json& object, unsigned units)
     return unit.get<unsigned>();
 }
 
+// The node that programs reach a card's slot by.
+std::string NodeOf(const json& card, const std::string& driver)
+{
+    if (driver == "zel") {
+        return ZelBlockNode(UnitIn(card, SIM_ZEL_SLOTS));
+    }
+    if (driver == "mivo") {
+        return MivoNode(UnitIn(card, SIM_MIVO_UNITS));
+    }
+    if (driver != "ricoh-sd") {
+        throw std::runtime_error("there is no driver \"" + driver +
+                                 "\"; there are \"ricoh-sd\", \"zel\" and \"mivo\"");
+    }
+    if (card.contains("unit")) {
+        throw std::runtime_error("the \"ricoh-sd\" driver has no units");
+    }
+    return kRicohNode;
+}
+
 void AddCard(Setting& setting, const json& object)
 {
     AllowOnly(object, "a card",
               {"driver", "unit", "image", "write_protected", "cid", "csd", "sd_status"});
-    const auto driver = object.at("driver").get<std::string>();
-    if (driver != "ricoh-sd" && driver != "zel" && driver != "mivo") {
-        throw std::runtime_error("there is no driver \"" + driver +
-                                 "\"; there are \"ricoh-sd\", \"zel\" and \"mivo\"");
+    const std::string driver = Text(object, "a card", "driver");
+    const std::string node = NodeOf(object, driver);
+    if (!setting.filled.insert(node).second) {
+        throw std::runtime_error("there are two cards for " + node);
     }
-    const auto image = object.at("image").get<std::string>();
+    const std::string image = Text(object, "a card", "image");
     if (image.empty()) {
         throw std::runtime_error("\"image\" is empty");
     }
     std::shared_ptr<Card> card =
-        Card::FromImage(Beside(setting.file, image), object.value("write_protected", false));
+        Card::FromImage(Beside(setting.file, image), Flag(object, "write_protected"));
     sim_card& model = card->model();
     SetRegister(object, "cid", model.cid, sizeof model.cid);
     SetRegister(object, "csd", model.csd, sizeof model.csd);
@@ -131,8 +201,6 @@ void AddCard(Setting& setting, const json& object)
         setting.Slots().Insert(UnitIn(object, SIM_ZEL_SLOTS), std::move(card));
     } else if (driver == "mivo") {
         setting.Units().Insert(UnitIn(object, SIM_MIVO_UNITS), std::move(card));
-    } else if (object.contains("unit")) {
-        throw std::runtime_error("the \"ricoh-sd\" driver has no units");
     } else {
         AddRicohCard(setting.kernel, std::move(card));
     }
@@ -180,9 +248,17 @@ uint64_t CountIn(const json& object, const char* key)
 {
     const json count = object.value(key, json(1u));
     if (!count.is_number_unsigned() || count.get<uint64_t>() == 0) {
-        throw std::runtime_error(std::string("\"") + key + "\" counts from 1");
+        throw std::runtime_error(Quoted(key) + " counts from 1");
     }
     return count.get<uint64_t>();
+}
+
+// What names a node that is not there would never come about.
+void RequireNode(const Setting& setting, const std::string& node)
+{
+    if (!setting.kernel.HasNode(node)) {
+        throw std::runtime_error("a fault names " + node + ", and no card has such a node");
+    }
 }
 
 // What takes out the card behind a node.
@@ -190,13 +266,13 @@ std::function<void()> EjectFrom(Setting& setting, const std::string& node)
 {
     for (unsigned unit = 0; unit < SIM_ZEL_SLOTS; unit++) {
         if (node == ZelBlockNode(unit)) {
-            setting.Slots();
+            RequireNode(setting, node);
             return [slots = setting.slots, unit] { slots->Eject(unit); };
         }
     }
     for (unsigned unit = 0; unit < SIM_MIVO_UNITS; unit++) {
         if (node == MivoNode(unit)) {
-            setting.Units();
+            RequireNode(setting, node);
             return [units = setting.units, unit] { units->Eject(unit); };
         }
     }
@@ -207,23 +283,41 @@ void AddFault(Setting& setting, const json& object)
 {
     AllowOnly(object, "a fault", {"call", "node", "request", "first", "times", "errno", "eject"});
     Fault fault;
-    fault.kind = KindNamed(object.at("call").get<std::string>());
-    fault.node = object.value("node", "");
+    fault.kind = KindNamed(Text(object, "a fault", "call"));
+    if (object.contains("node")) {
+        fault.node = Text(object, "a fault", "node");
+        // These two are asked of any path.
+        if (fault.kind != CallKind::Stat && fault.kind != CallKind::Open) {
+            RequireNode(setting, fault.node);
+        }
+    }
     if (object.contains("request")) {
-        fault.request = RequestNumber(object.at("request").get<std::string>());
+        fault.request = RequestNumber(Text(object, "a fault", "request"));
     }
     fault.first = CountIn(object, "first");
     fault.times = CountIn(object, "times");
     if (object.contains("errno")) {
-        fault.error = ErrnoNamed(object.at("errno").get<std::string>());
+        fault.error = ErrnoNamed(Text(object, "a fault", "errno"));
     }
     if (object.contains("eject")) {
-        fault.then = EjectFrom(setting, object.at("eject").get<std::string>());
+        fault.then = EjectFrom(setting, Text(object, "a fault", "eject"));
     }
     if (fault.error == 0 && !fault.then) {
         throw std::runtime_error("a fault needs \"errno\" or \"eject\"");
     }
     setting.kernel.Inject(std::move(fault));
+}
+
+json Parsed(std::istream& file)
+{
+    try {
+        return json::parse(file);
+    } catch (const json::parse_error& error) {
+        // In front stands the JSON library's name for it.
+        const std::string what = error.what();
+        const size_t name_end = what.find("] ");
+        throw std::runtime_error(name_end == std::string::npos ? what : what.substr(name_end + 2));
+    }
 }
 
 void AddFromDescription(Kernel& kernel, const std::string& path)
@@ -232,13 +326,16 @@ void AddFromDescription(Kernel& kernel, const std::string& path)
     if (!file) {
         throw std::runtime_error(std::strerror(errno));
     }
-    const json description = json::parse(file);
+    const json description = Parsed(file);
     AllowOnly(description, "the description", {"cards", "faults"});
-    Setting setting = {kernel, path, nullptr, nullptr};
-    for (const json& card : description.at("cards")) {
+    if (!description.contains("cards")) {
+        throw std::runtime_error("the description needs \"cards\"");
+    }
+    Setting setting = {kernel, path, nullptr, nullptr, {}};
+    for (const json& card : List(description, "cards")) {
         AddCard(setting, card);
     }
-    for (const json& fault : description.value("faults", json::array())) {
+    for (const json& fault : List(description, "faults")) {
         AddFault(setting, fault);
     }
 }

@@ -80,6 +80,12 @@ void Kernel::RemoveNode(const std::string& path)
     nodes_.erase(path);
 }
 
+bool Kernel::HasNode(const std::string& path) const
+{
+    const std::lock_guard<std::mutex> lock(lock_);
+    return nodes_.count(path) != 0;
+}
+
 // --- faults ------------------------------------------------------------------
 
 void Kernel::Inject(Fault fault)

@@ -111,6 +111,7 @@ public:
 
     void AddNode(const std::string& path, Node node);
     void RemoveNode(const std::string& path);
+    bool HasNode(const std::string& path) const;
 
     void Inject(Fault fault);
     void ClearFaults();

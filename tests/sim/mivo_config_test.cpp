@@ -163,17 +163,4 @@ TEST_F(MivoConfig, LetsACallFailAndTheCardLeave)
     close(fd);
 }
 
-TEST_F(MivoConfig, TakesNothingOutOfAUnitWithoutACard)
-{
-    Load(R"({"cards": [{"driver": "mivo", "unit": 1, "image": "a.img"}],
-        "faults": [{"call": "read", "eject": "/dev/mivosdif0"}]})");
-    const int fd = open64("/dev/mivosdif1", O_RDWR);
-    char sector[512];
-    EXPECT_EQ(512, read(fd, sector, sizeof sector));
-    EXPECT_EQ(512, read(fd, sector, sizeof sector));
-    EXPECT_EQ(0x02, Present(fd));
-    close(fd);
-    EXPECT_FALSE(IsThere("/dev/mivosdif0"));
-}
-
 }  // namespace

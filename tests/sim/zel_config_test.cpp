@@ -173,16 +173,4 @@ TEST_F(ZelConfig, LetsACallFailAndTheCardLeave)
     close(fd);
 }
 
-TEST_F(ZelConfig, TakesNothingOutOfASlotWithoutACard)
-{
-    Load(R"({"cards": [{"driver": "ricoh-sd", "image": "a.img"}],
-        "faults": [{"call": "read", "eject": "/dev/spdd"}]})");
-    const int fd = open64("/dev/sdcarda", O_RDWR);
-    char sector[512];
-    EXPECT_EQ(512, read(fd, sector, sizeof sector));
-    EXPECT_EQ(512, read(fd, sector, sizeof sector));
-    close(fd);
-    EXPECT_FALSE(IsThere("/dev/spdd"));
-}
-
 }  // namespace
