@@ -7,7 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
-#include <set>
+#include <map>
 #include <stdexcept>
 #include <utility>
 
@@ -129,9 +129,9 @@ std::string Beside(const std::string& file, const std::string& name)
 struct Setting {
     Kernel& kernel;
     std::string file;
-    std::shared_ptr<ZelSlots> slots;   // once a slot is named
-    std::shared_ptr<MivoUnits> units;  // once a unit of the adaptor is named
-    std::set<std::string> filled;      // nodes that a card was put behind
+    std::shared_ptr<ZelSlots> slots;                          // once a slot is named
+    std::shared_ptr<MivoUnits> units;                         // once a unit of the adaptor is named
+    std::map<std::string, std::shared_ptr<Card>> cards = {};  // by the slot's node
 
     ZelSlots& Slots()
     {
@@ -184,7 +184,7 @@ void AddCard(Setting& setting, const json& object)
               {"driver", "unit", "image", "write_protected", "cid", "csd", "sd_status"});
     const std::string driver = Text(object, "a card", "driver");
     const std::string node = NodeOf(object, driver);
-    if (!setting.filled.insert(node).second) {
+    if (setting.cards.count(node) != 0) {
         throw std::runtime_error("there are two cards for " + node);
     }
     const std::string image = Text(object, "a card", "image");
@@ -197,6 +197,7 @@ void AddCard(Setting& setting, const json& object)
     SetRegister(object, "cid", model.cid, sizeof model.cid);
     SetRegister(object, "csd", model.csd, sizeof model.csd);
     SetRegister(object, "sd_status", model.sd_status, sizeof model.sd_status);
+    setting.cards[node] = card;
     if (driver == "zel") {
         setting.Slots().Insert(UnitIn(object, SIM_ZEL_SLOTS), std::move(card));
     } else if (driver == "mivo") {
@@ -279,9 +280,27 @@ std::function<void()> EjectFrom(Setting& setting, const std::string& node)
     throw std::runtime_error("no card can be ejected from \"" + node + "\"");
 }
 
+// What puts the card back that the description has for a node.
+std::function<void()> InsertInto(Setting& setting, const std::string& node)
+{
+    const auto found = setting.cards.find(node);
+    if (found == setting.cards.end() || node == kRicohNode) {
+        throw std::runtime_error("no card can be put back into \"" + node + "\"");
+    }
+    for (unsigned unit = 0; unit < SIM_MIVO_UNITS; unit++) {
+        if (node == MivoNode(unit)) {
+            return
+                [units = setting.units, unit, card = found->second] { units->Insert(unit, card); };
+        }
+    }
+    const auto unit = static_cast<unsigned>(node.back() - 'a');
+    return [slots = setting.slots, unit, card = found->second] { slots->Insert(unit, card); };
+}
+
 void AddFault(Setting& setting, const json& object)
 {
-    AllowOnly(object, "a fault", {"call", "node", "request", "first", "times", "errno", "eject"});
+    AllowOnly(object, "a fault",
+              {"call", "node", "request", "first", "times", "errno", "eject", "insert"});
     Fault fault;
     fault.kind = KindNamed(Text(object, "a fault", "call"));
     if (object.contains("node")) {
@@ -302,8 +321,14 @@ void AddFault(Setting& setting, const json& object)
     if (object.contains("eject")) {
         fault.then = EjectFrom(setting, Text(object, "a fault", "eject"));
     }
+    if (object.contains("insert")) {
+        if (fault.then) {
+            throw std::runtime_error("a fault cannot \"eject\" and \"insert\" at once");
+        }
+        fault.then = InsertInto(setting, Text(object, "a fault", "insert"));
+    }
     if (fault.error == 0 && !fault.then) {
-        throw std::runtime_error("a fault needs \"errno\" or \"eject\"");
+        throw std::runtime_error("a fault needs \"errno\", \"eject\" or \"insert\"");
     }
     setting.kernel.Inject(std::move(fault));
 }
@@ -331,7 +356,7 @@ void AddFromDescription(Kernel& kernel, const std::string& path)
     if (!description.contains("cards")) {
         throw std::runtime_error("the description needs \"cards\"");
     }
-    Setting setting = {kernel, path, nullptr, nullptr, {}};
+    Setting setting = {kernel, path, nullptr, nullptr};
     for (const json& card : List(description, "cards")) {
         AddCard(setting, card);
     }

@@ -212,7 +212,7 @@ TEST_F(ConfigTest, TellsWhatATypeShouldBe)
             EXPECT_EQ(wrong(key), ErrorOfCardWith(with(key)));
         }
         EXPECT_EQ(wrong("call"), ErrorOfFault(with("call")));
-        for (const char* key : {"node", "request", "errno", "eject"}) {
+        for (const char* key : {"node", "request", "errno", "eject", "insert"}) {
             EXPECT_EQ(wrong(key), ErrorOfFault(R"("call": "read", )" + with(key)));
         }
         if (value != std::string("true")) {
@@ -346,6 +346,34 @@ TEST_F(ConfigTest, PlansFaultsOfEveryKindOfCall)
     }
 }
 
+TEST_F(ConfigTest, PutsCardsBack)
+{
+    for (const char* driver : {"zel", "mivo"}) {
+        SCOPED_TRACE(driver);
+        const std::string node = *driver == 'z' ? "/dev/spdb" : "/dev/mivosdif1";
+        const auto fault = [&](const char* kind, const char* call, const char* first) {
+            return R"({"node": ")" + node + R"(", "call": ")" + call + R"(", "first": )" + first +
+                   R"(, ")" + kind + R"(": ")" + node + R"("})";
+        };
+        EXPECT_EQ(
+            "", ErrorOf(R"({"cards": [{"unit": 1, "image": "card.img", "driver": ")" +
+                        std::string(driver) + R"("}], "faults": [)" + fault("eject", "read", "1") +
+                        ", " + fault("insert", "seek", "2") + "]}"));
+        const int fd = open64(node.c_str(), O_RDWR);
+        ASSERT_LE(0, fd);
+        char byte = 0;
+        EXPECT_EQ(1, read(fd, &byte, 1)) << "it leaves behind the call";
+        EXPECT_EQ(-1, read(fd, &byte, 1));
+        EXPECT_EQ(0, lseek64(fd, 0, SEEK_SET));
+        EXPECT_EQ(-1, read(fd, &byte, 1));
+        EXPECT_EQ(0, lseek64(fd, 0, SEEK_SET));
+        EXPECT_EQ(1, read(fd, &byte, 1));
+        EXPECT_EQ('a', byte);
+        close(fd);
+        kernel.ClearFaults();
+    }
+}
+
 TEST_F(ConfigTest, RefusesWrongFaults)
 {
     for (const char* name : {"malloc", "sleep", "lseek", "", "Open"}) {
@@ -373,9 +401,18 @@ TEST_F(ConfigTest, RefusesWrongFaults)
               ErrorOfFault(R"("call": "read", "node": "/dev/spdb", "errno": "EIO")"));
     EXPECT_EQ("a fault names /dev/spdb, and no card has such a node",
               ErrorOfFault(R"("call": "read", "eject": "/dev/spdb")"));
+    for (const char* node : {"/dev/spdb", "/dev/mivosdif0", "/dev/sdcarda", ""}) {
+        EXPECT_EQ(std::string("no card can be put back into \"") + node + "\"",
+                  ErrorOfFault(std::string(R"("call": "read", "insert": ")") + node + R"(")"));
+    }
+    EXPECT_EQ("a fault cannot \"eject\" and \"insert\" at once",
+              ErrorOf(R"({"cards": [{"driver": "zel", "image": "card.img"}],
+                          "faults": [{"call": "read", "eject": "/dev/spda",
+                                      "insert": "/dev/spda"}]})"));
     EXPECT_EQ("a fault names /dev/mivosdif0, and no card has such a node",
               ErrorOfFault(R"("call": "read", "eject": "/dev/mivosdif0")"));
-    EXPECT_EQ("a fault needs \"errno\" or \"eject\"", ErrorOfFault(R"("call": "read")"));
+    EXPECT_EQ("a fault needs \"errno\", \"eject\" or \"insert\"",
+              ErrorOfFault(R"("call": "read")"));
     for (const char* count : {"0", "-1", "\"2\"", "1.5", "null"}) {
         EXPECT_EQ(
             "\"first\" counts from 1",

@@ -136,7 +136,7 @@ TEST_F(ZelConfig, RefusesWhatItDoesNotKnow)
               Refusal(R"({"cards": [{"driver": "zell", "image": "a.img"}]})"));
     EXPECT_EQ("a card knows no \"slot\"",
               Refusal(R"({"cards": [{"driver": "zel", "slot": 0, "image": "a.img"}]})"));
-    EXPECT_EQ("a fault needs \"errno\" or \"eject\"",
+    EXPECT_EQ("a fault needs \"errno\", \"eject\" or \"insert\"",
               Refusal(R"({"cards": [], "faults": [{"call": "read"}]})"));
     for (const char* node : {"/dev/spdg", "/dev/spdra", "/dev/sdcarda", ""}) {
         EXPECT_EQ(std::string("no card can be ejected from \"") + node + "\"",
