@@ -24,3 +24,5 @@ file(RELATIVE_PATH pc_includedir
 configure_file(cmake/carddev.pc.in carddev.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/carddev.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+add_subdirectory(man)

@@ -14,6 +14,15 @@ rm -rf "$scratch"
 mkdir -p "$scratch"
 cmake --install "$build" --prefix "$prefix" > "$scratch/install.log"
 
+echo "-- a manual page for every function"
+functions=$(sed -n 's/^[a-z].*[ *]\(\(Dev\|CARD_\|Calc\)[A-Za-z0-9]*\)(.*/\1/p' "$prefix/include/carddev.h")
+[ "$(wc -w <<< "$functions")" -ge 28 ]
+for page in $functions carddev; do
+    # From the folder that pointers to other pages start at.
+    (cd "$prefix/share/man" && mandoc -T html "man3/$page.3") > "$scratch/page.html"
+    grep -qw "$page" "$scratch/page.html" || { echo "no page for $page"; exit 1; }
+done
+
 for language in C CXX; do
     echo "-- the CMake package, $language"
     tree=$scratch/$language
