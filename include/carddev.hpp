@@ -435,11 +435,12 @@ namespace internal {
 
 // Units that a Device of this program has open, a bit each, by DevType: opening one
 // again would lose its descriptors.
-inline std::atomic<uint32_t> units_in_use[3] = {};
+constexpr int32_t kTypes = 3;
+inline std::atomic<uint32_t> units_in_use[kTypes] = {};
 
 inline bool IsCounted(const DrvInfo& handle)
 {
-    return handle.dev_type >= 0 && handle.dev_type < 3 && handle.dev_index >= 0 &&
+    return handle.dev_type >= 0 && handle.dev_type < kTypes && handle.dev_index >= 0 &&
            handle.dev_index < 32;
 }
 
