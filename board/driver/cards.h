@@ -118,9 +118,10 @@ struct place {
     bool holds_cards;
     unsigned int index;
 
-    struct card *card; /* null: empty */
-    u32 latency_us;    /* of transfers */
-    unsigned int opens;
+    struct card *card;  /* null: empty */
+    u32 latency_us;     /* of transfers */
+    unsigned int opens; /* so far */
+    unsigned int open;  /* files that are open now */
     struct disk *disk;
     struct unit *unit;
 
@@ -146,6 +147,9 @@ struct card *place_card_locked(struct place *place);
  * transfer that is under way ends at once, badly. */
 void place_change(struct place *place, struct card *card);
 void place_protect(struct place *place, bool protected);
+/* A file of the place's nodes was opened, with cards_lock, or closed. */
+void place_opened(struct place *place);
+void place_closed(struct place *place, enum node node);
 /* Wait until what a change of card brings with it has been done. */
 void place_settle(struct place *place);
 

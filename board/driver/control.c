@@ -139,7 +139,7 @@ static int state_show(struct seq_file *file, struct place *place)
 {
     struct card *card = place_card(place);
 
-    seq_printf(file, "opens %u\n", place->opens);
+    seq_printf(file, "opens %u\nopen %u\n", place->opens, place->open);
     if (place->holds_cards)
         seq_printf(file, "sectors %u\n", card ? card->model.sectors : 0);
     if (place->unit)

@@ -189,7 +189,7 @@ static long do_open(void *context, const struct outcome *outcome)
              place->card->model.write_protected)
         failed = -EROFS;
     if (!failed) {
-        place->opens++;
+        place_opened(place);
         disk->open++;
     }
     spin_unlock(&cards_lock);
@@ -213,7 +213,7 @@ static void disk_release(struct gendisk *gendisk, fmode_t mode)
     if (disk->open)
         disk->open--;
     spin_unlock(&cards_lock);
-    trace_add(&disk->place->trace, NODE_BLOCK, CALL_CLOSE, 0, 0);
+    place_closed(disk->place, NODE_BLOCK);
     disk_follow(disk, false);
 }
 

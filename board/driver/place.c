@@ -63,6 +63,20 @@ void place_protect(struct place *place, bool protected)
     card_put(card);
 }
 
+void place_opened(struct place *place)
+{
+    place->opens++;
+    place->open++;
+}
+
+void place_closed(struct place *place, enum node node)
+{
+    spin_lock(&cards_lock);
+    place->open--;
+    spin_unlock(&cards_lock);
+    trace_add(&place->trace, node, CALL_CLOSE, 0, 0);
+}
+
 void place_settle(struct place *place)
 {
     if (place->disk)

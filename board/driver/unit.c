@@ -281,7 +281,7 @@ static long do_open(void *context, const struct outcome *outcome)
     struct unit *unit = context;
 
     spin_lock(&cards_lock);
-    unit->place->opens++;
+    place_opened(unit->place);
     spin_unlock(&cards_lock);
     return 0;
 }
@@ -315,7 +315,7 @@ int unit_release(struct inode *inode, struct file *file)
         unit_end_now(unit);
         flush_work(&unit->work);
     }
-    trace_add(&unit->place->trace, NODE_CHAR, CALL_CLOSE, 0, 0);
+    place_closed(unit->place, NODE_CHAR);
     kfree(file->private_data);
     return 0;
 }

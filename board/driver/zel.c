@@ -154,7 +154,7 @@ static const struct file_operations char_operations = {
 static long do_rt_open(void *context, const struct outcome *outcome)
 {
     spin_lock(&cards_lock);
-    rt.opens++;
+    place_opened(&rt);
     spin_unlock(&cards_lock);
     return 0;
 }
@@ -168,7 +168,7 @@ static int rt_open(struct inode *inode, struct file *file)
 
 static int rt_release(struct inode *inode, struct file *file)
 {
-    trace_add(&rt.trace, NODE_CHAR, CALL_CLOSE, 0, 0);
+    place_closed(&rt, NODE_CHAR);
     return 0;
 }
 

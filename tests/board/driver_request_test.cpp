@@ -362,6 +362,23 @@ TEST_F(Requests, RegistersAndSectorsFromOutside)
     }
 }
 
+TEST_F(Requests, CountsOpenFiles)
+{
+    ASSERT_EQ(0, Insert("zel0", Pattern(kSectors, 9)));
+    const unsigned long opens = std::stoul(State("zel0", "opens"));
+    {
+        const Fd block("/dev/spda", O_RDWR);
+        const Fd node("/dev/spdra", O_RDWR);
+        const Fd again("/dev/spdra", O_RDWR);
+        ASSERT_EQ(0, Put("zel0", "faults", "call=open errno=EIO times=2"));
+        EXPECT_EQ(-EIO, OpenOutcome("/dev/spda", O_RDWR));
+        EXPECT_EQ(-EIO, OpenOutcome("/dev/spdra", O_RDWR));
+        EXPECT_EQ("3", State("zel0", "open"));
+    }
+    EXPECT_EQ("0", State("zel0", "open"));
+    EXPECT_EQ(std::to_string(opens + 3), State("zel0", "opens"));
+}
+
 TEST_F(Requests, RecordOfCalls)
 {
     ASSERT_EQ(0, Insert("zel0", Pattern(kSectors, 9)));
