@@ -119,6 +119,22 @@ TEST_F(BlockNode, DoesNotUndoDirectWritesBesideItsOwn)
     EXPECT_EQ(expected, OnCard("zel0", 0, kSectors));
 }
 
+// The control file shows what waits to be written, too, and what it changes is seen.
+TEST_F(BlockNode, KeepsStepWithTheControlFile)
+{
+    const Fd node("/dev/spda", O_RDWR);
+    const Bytes written = Pattern(3, 66);
+    WriteBlock(node, 20, written);
+    EXPECT_EQ(written, OnCard("zel0", 20, 3));
+    WriteBlock(node, 24, written);
+    const Fd media(Control("zel0", "media"), O_RDWR);
+    const Bytes changed(512, 0x44);
+    ASSERT_EQ(512, Outcome(pwrite64(media.get(), changed.data(), 512, 22 * 512)));
+    EXPECT_EQ(Slice(written, 0, 2), ReadBlock(node, 20, 2));
+    EXPECT_EQ(changed, ReadBlock(node, 22, 1));
+    EXPECT_EQ(written, ReadBlock(node, 24, 3));
+}
+
 TEST_F(BlockNode, FollowsAnExchange)
 {
     const Fd node("/dev/spda", O_RDWR);

@@ -411,7 +411,15 @@ TEST_P(DriverTransfer, RefusesBadElements)
         EXPECT_EQ(-EFAULT, with(0xC0000000, 512));
         EXPECT_EQ(0, with(0, 0));
         EXPECT_EQ(POLLOUT, Events(node));
-        for (const uint32_t count : {2049u, 0x10000000u, 0x7FFFFFFFu}) {
+        // As many as there may be, each of them good, and one more.
+        List good;
+        for (uint32_t i = 0; i < 2049; i++) {
+            good.Add(0, __builtin_bswap32(GetParam().unit)).Add(Address(memory.data()), 512);
+        }
+        EXPECT_EQ(0, ask(2048, good.address()));
+        EXPECT_EQ(POLLOUT, Events(node));
+        EXPECT_EQ(-EINVAL, ask(2049, good.address()));
+        for (const uint32_t count : {0x10000000u, 0x7FFFFFFFu}) {
             EXPECT_EQ(-EINVAL, ask(count, Address(element))) << count;
         }
         EXPECT_EQ(-EFAULT, ask(1, 0));
