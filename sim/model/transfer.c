@@ -42,7 +42,7 @@ static int get_entries(struct sim_transfer *transfer, const struct sim_memory *m
     uint32_t i;
 
     for (i = 0; i < entries; i++) {
-        const uint8_t *entry = &bytes[i % ENTRIES_AT_ONCE * 8];
+        const uint8_t *entry = bytes + (size_t)(i % ENTRIES_AT_ONCE) * 8;
         uint32_t left = entries - i;
 
         if (i % ENTRIES_AT_ONCE == 0 &&
