@@ -161,10 +161,11 @@ TEST_F(Requests, RealTimeControl)
     EXPECT_EQ(4, byte);
     EXPECT_EQ(0, Ask(node, 0x4001EC20, &byte));
     EXPECT_EQ(255, byte);
+    const int locks = std::stoi(State("rtctrl", "locks"));
     EXPECT_EQ(0, Ask(node, 0x2000EC0A));
-    EXPECT_EQ("1", State("rtctrl", "locks"));
+    EXPECT_EQ(std::to_string(locks + 1), State("rtctrl", "locks"));
     EXPECT_EQ(0, Ask(node, 0x2000EC0B));
-    EXPECT_EQ("0", State("rtctrl", "locks"));
+    EXPECT_EQ(std::to_string(locks), State("rtctrl", "locks"));
     const uint32_t record[5] = {17, 2, 3, 4, 5};
     EXPECT_EQ(0, Ask(node, 0x8014EC14, record));
     EXPECT_EQ("17", State("rtctrl", "channel"));
