@@ -114,7 +114,7 @@ private:
 template <typename T>
 class [[nodiscard]] Result {
 public:
-    Result(Error error) : code_(error.code()) { assert(code_ != 0); }
+    Result(Error error) : value_(), code_(error.code()) { assert(code_ != 0); }
     Result(T value) : value_(std::move(value)), code_(0) {}
 
     explicit operator bool() const { return code_ == 0; }
