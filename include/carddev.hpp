@@ -126,7 +126,13 @@ public:
         assert(code_ == 0);
         return value_;
     }
+    const T& operator*() const
+    {
+        assert(code_ == 0);
+        return value_;
+    }
     T* operator->() { return &**this; }
+    const T* operator->() const { return &**this; }
 
 private:
     friend class Device;

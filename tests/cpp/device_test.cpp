@@ -455,7 +455,10 @@ TEST_P(CppDevice, AnswersEveryQuery)
     Device device = Opened();
     EXPECT_EQ(CARD_STATUS_READY, *device.Status());
     EXPECT_TRUE(device.R1Status());
-    EXPECT_EQ(0, memcmp(device.Info()->csd, card->model().csd, 16));
+    const auto info = device.Info();
+    EXPECT_EQ(0, memcmp(info->csd, card->model().csd, 16));
+    const auto sectors = device.Sectors();
+    EXPECT_EQ(kSectors, *sectors);
     EXPECT_EQ(0, memcmp(device.SecureInfo()->bytes, card->model().sd_status, CARD_SD_STATUS_SIZE));
     CardSpeedInfo speed;
     EXPECT_EQ(0, CARD_GetSpeedInfo(device.handle(), &speed));
