@@ -34,7 +34,7 @@ int64_t BlockDriver::Read(File& file, void* to, uint32_t length)
 {
     const std::shared_ptr<Card> card = Inserted();
     if (!card) {
-        return -ENXIO;
+        return no_card_;
     }
     const int64_t moved = sim_card_read(&card->model(), file.position, to, length);
     file.position += moved > 0 ? static_cast<uint64_t>(moved) : 0;
@@ -45,7 +45,7 @@ int64_t BlockDriver::Write(File& file, const void* from, uint32_t length)
 {
     const std::shared_ptr<Card> card = Inserted();
     if (!card) {
-        return -ENXIO;
+        return no_card_;
     }
     const int64_t moved = sim_card_write(&card->model(), file.position, from, length);
     file.position += moved > 0 ? static_cast<uint64_t>(moved) : 0;

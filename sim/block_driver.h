@@ -4,6 +4,7 @@
 #ifndef CARDSIM_BLOCK_DRIVER_H
 #define CARDSIM_BLOCK_DRIVER_H
 
+#include <cerrno>
 #include <memory>
 
 #include "sim/card.h"
@@ -14,8 +15,12 @@ namespace cardsim {
 class BlockDriver : public Driver {
 public:
     // A node whose card stays where it is. Null is for drivers that override
-    // Inserted.
-    explicit BlockDriver(std::shared_ptr<Card> card) : card_(std::move(card)) {}
+    // Inserted. `no_card` is what transfers fail with without one: behind a block node
+    // EIO, whatever the driver said.
+    explicit BlockDriver(std::shared_ptr<Card> card, int no_card = -EIO)
+        : card_(std::move(card)), no_card_(no_card)
+    {
+    }
 
     // A protected card can be opened for reading only.
     int Open(File& file) override;
@@ -29,6 +34,7 @@ protected:
 
 private:
     std::shared_ptr<Card> card_;
+    int no_card_;
 };
 
 // The memory of this very program.

@@ -19,7 +19,7 @@ std::string MivoNode(unsigned unit)
 class MivoDriver : public BlockDriver {
 public:
     MivoDriver(std::shared_ptr<MivoUnits> units, unsigned unit)
-        : BlockDriver(nullptr), units_(std::move(units)), unit_(unit)
+        : BlockDriver(nullptr, -ENXIO), units_(std::move(units)), unit_(unit)
     {
     }
 

@@ -2,169 +2,11 @@
 //
 // What a caller may rely on whichever back-end serves the card, and what differs,
 // through the public calls alone.
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <memory>
-#include <random>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
-#include "carddev.h"
-#include "sim/low_memory.h"
-#include "sim/mivo_driver.h"
-#include "sim/ricoh_driver.h"
-#include "sim/zel_driver.h"
-#include "tests/support/capture.h"
-#include "tests/support/handle.h"
+#include "tests/backends/fixture.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-constexpr uint32_t kSectors = 4096;
-constexpr unsigned kZelUnit = 4;
-constexpr unsigned kMivoUnit = 1;
-
-int ejects;
-
-void CountEject()
-{
-    ejects++;
-}
-
-// A back-end as its caller sees it.
-struct Backend {
-    const char* name;
-    const char* node;
-    int32_t type;
-    int32_t index;
-    const char* banner;
-    uint32_t length_unit;  // bytes that a direct length of 1 stands for; 0: not offered
-    bool tells_eject;
-    bool real_time;
-    size_t cid_at;  // where the record's CID begins
-};
-
-const Backend kBackends[] = {
-    {"RicohSD", "/dev/sdcarda", DEV_TYPE_RICOH_SD, 0,
-     "Wrapper low-level driver for SD card-CardBus adaptor ver.0.10\n", 0, false, false, 0},
-    {"Zel", "/dev/spde", DEV_TYPE_ZEL, 4,
-     "Wrapper low-level driver for SD card-CardBus adaptor ver.0.11\n", 1, true, true, 1},
-    {"Mivo", "/dev/mivosdif1", DEV_TYPE_MIVO, 1,
-     "Wrapper low-level driver for SD card-CardBus adaptor ver.0.11\n", 512, true, false, 0},
-};
-
-void PrintTo(const Backend& backend, std::ostream* out)
-{
-    *out << backend.name;
-}
-
-class Backends : public testing::TestWithParam<Backend> {
-protected:
-    Backends()
-    {
-        ejects = 0;
-        sim_card& model = card->model();
-        for (uint8_t i = 0; i < 64; i++) {
-            // The bytes that sizes are computed from stay zero.
-            model.sd_status[i] = i < 4 || i > 7 ? static_cast<uint8_t>(i * 5 + 1) : uint8_t{0};
-        }
-        Insert();
-    }
-
-    ~Backends() override
-    {
-        if (handle.ops != nullptr) {
-            Printed([&] { DevExit(&handle); });
-        }
-        EXPECT_EQ(0u, kernel.OpenFiles());
-        EXPECT_EQ(0u, kernel.LiveBlocks());
-    }
-
-    void Insert()
-    {
-        switch (backend.type) {
-            case DEV_TYPE_ZEL:
-                slots->Insert(kZelUnit, card);
-                break;
-            case DEV_TYPE_MIVO:
-                units->Insert(kMivoUnit, card);
-                break;
-            default:
-                AddRicohCard(kernel, card);
-                break;
-        }
-    }
-
-    // The card is pulled. The host that cannot tell merely fails to read it.
-    void Pull()
-    {
-        slots->Eject(kZelUnit);
-        units->Eject(kMivoUnit);
-        if (!backend.tells_eject) {
-            for (const cardsim::CallKind kind :
-                 {cardsim::CallKind::Read, cardsim::CallKind::Write}) {
-                cardsim::Fault fault;
-                fault.kind = kind;
-                fault.times = cardsim::Fault::kForEver;
-                fault.error = ENXIO;
-                kernel.Inject(fault);
-            }
-        }
-    }
-
-    void Open()
-    {
-        const std::string printed = Printed([&] {
-            ASSERT_EQ(0, DevDetect(&handle));
-            ASSERT_EQ(0, DevInit(&handle));
-        });
-        EXPECT_EQ(backend.banner, printed);
-    }
-
-    bool Direct() const { return backend.length_unit != 0; }
-
-    // Sectors in the unit that the back-end counts direct transfers in.
-    uint32_t Length(uint32_t sectors) const { return sectors * (512 / backend.length_unit); }
-
-    Bytes OnCard(uint32_t first, uint32_t sectors)
-    {
-        Bytes bytes(size_t{sectors} * 512);
-        EXPECT_EQ(static_cast<int64_t>(bytes.size()),
-                  sim_card_read(&card->model(), uint64_t{first} * 512, bytes.data(),
-                                static_cast<uint32_t>(bytes.size())));
-        return bytes;
-    }
-
-    Bytes Random(size_t length)
-    {
-        Bytes bytes(length);
-        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
-        return bytes;
-    }
-
-    uint32_t Below(uint32_t limit) { return static_cast<uint32_t>(random() % limit); }
-
-    static uint8_t* At(uint32_t address) { return reinterpret_cast<uint8_t*>(uintptr_t{address}); }
-
-    // "[drv:DevDrctRead(#)](W)\nNOT supported DrctRead method!\n"
-    static std::string NotOffered(const std::string& function, const std::string& slot)
-    {
-        return "[drv:" + function + "(#)](W)\nNOT supported " + slot + " method!\n";
-    }
-
-    const Backend& backend = GetParam();
-    std::shared_ptr<cardsim::Card> card = cardsim::Card::InMemory(kSectors);
-    cardsim::Kernel kernel;
-    std::shared_ptr<cardsim::ZelSlots> slots = cardsim::ZelSlots::Create(kernel);
-    std::shared_ptr<cardsim::MivoUnits> units = cardsim::MivoUnits::Create(kernel);
-    DrvInfo handle = HandleFor(backend.node);
-    cardsim::LowBuffer memory{size_t{128} * 512 + 8192};
-    std::mt19937 random{20240229};
-};
+INSTANTIATE_TEST_SUITE_P(All, Backends, testing::Values(kRicohSd, kZel, kMivo), NameOf);
 
 TEST_P(Backends, AreFoundByTheNode)
 {
@@ -199,21 +41,24 @@ TEST_P(Backends, AnswerEveryQuery)
 TEST_P(Backends, AnswerWithTheCardsRegisters)
 {
     Open();
-    const sim_card& model = card->model();
+    const Bytes cid = bench->Register(backend.place, "cid");
+    const Bytes csd = bench->Register(backend.place, "csd");
+    const Bytes sd_status = bench->Register(backend.place, "sd_status");
+    ASSERT_EQ(size_t{CARD_SD_STATUS_SIZE}, sd_status.size());
     EXPECT_EQ("", Printed([&] {
                   for (int time = 0; time < 2; time++) {
                       CardInfo info;
                       memset(&info, 0xEE, sizeof info);
                       EXPECT_EQ(0, CARD_Getinfo(&handle, &info));
                       EXPECT_EQ(0,
-                                memcmp(&info.cid[backend.cid_at], model.cid, 16 - backend.cid_at));
+                                memcmp(&info.cid[backend.cid_at], cid.data(), 16 - backend.cid_at));
                       EXPECT_TRUE(backend.cid_at == 0 || info.cid[0] == 0);
-                      EXPECT_EQ(0, memcmp(info.csd, model.csd, 16));
+                      EXPECT_EQ(0, memcmp(info.csd, csd.data(), 16));
 
                       uint8_t status[CARD_SD_STATUS_SIZE + 1];
                       memset(status, 0xEE, sizeof status);
                       EXPECT_EQ(0, CARD_SecureGetinfo(&handle, status));
-                      EXPECT_EQ(0, memcmp(status, model.sd_status, CARD_SD_STATUS_SIZE));
+                      EXPECT_EQ(0, memcmp(status, sd_status.data(), CARD_SD_STATUS_SIZE));
                       EXPECT_EQ(0xEE, status[CARD_SD_STATUS_SIZE]);
 
                       CardSpeedInfo speed;
@@ -229,15 +74,15 @@ TEST_P(Backends, AnswerWithTheCardsRegisters)
                       }
                   }
               }));
-    kernel.ClearCalls();
+    bench->ClearCalls(backend.place);
     CardInfo info = {};
     EXPECT_EQ(0, CARD_Getinfo(&handle, &info));
-    EXPECT_TRUE(kernel.Calls().empty());
+    EXPECT_TRUE(bench->Calls(backend.place).empty());
 }
 
 TEST_P(Backends, TellThatACardIsProtected)
 {
-    card->model().write_protected = true;
+    bench->Protect(backend.place, true);
     Open();
     EXPECT_NE(0, CARD_GetWriteProtect(&handle));
     const Bytes before = OnCard(9, 1);
@@ -276,9 +121,10 @@ TEST_P(Backends, KeepWhatIsWrittenPlainly)
                       EXPECT_EQ(0x5A, result.reserved);
                       EXPECT_EQ(0x6B, result.error);
                       EXPECT_EQ(length, result.length);
-                      EXPECT_TRUE(shadow == OnCard(0, kSectors)) << step;
+                      EXPECT_TRUE(Slice(shadow, first, sectors) == OnCard(first, sectors)) << step;
                   }
               }));
+    EXPECT_TRUE(shadow == OnCard(0, kSectors));
 }
 
 TEST_P(Backends, EndATransferWithTheCard)
@@ -300,12 +146,8 @@ TEST_P(Backends, EndATransferWithTheCard)
 TEST_P(Backends, MoveScatteredSectorsWhereOffered)
 {
     Open();
-    struct {
-        uint32_t count;
-        MemoryChunk chunk[3];
-    } chunks;
-    static_assert(sizeof chunks == 28);
-    auto* const list = reinterpret_cast<MemoryChunkArray*>(&chunks);
+    Chunks chunks = {};
+    auto* const list = chunks.list();
     if (!Direct()) {
         uint32_t retried = 5;
         EXPECT_EQ(NotOffered("DevDrctRead", "DrctRead") + NotOffered("DevDrctWrite", "DrctWrite"),
@@ -326,15 +168,18 @@ TEST_P(Backends, MoveScatteredSectorsWhereOffered)
         const uint32_t cut2 = cut + 1 + Below(bytes - cut - 1);
         const uint32_t at = memory.address() + Below(2048);
         // The last piece may adjoin; the second never does.
-        chunks = {3, {{at, cut}, {at + cut + 11, cut2 - cut}, {at + cut2 + 11 + Below(2), 0}}};
-        chunks.chunk[2].len = bytes - cut2;
+        chunks = {3,
+                  {{at, cut},
+                   {at + cut + 11, cut2 - cut},
+                   {at + cut2 + 11 + Below(2), bytes - cut2},
+                   {}}};
         const auto expected = static_cast<int32_t>(Length(sectors));
         uint32_t retried = 5;
         Bytes moved;
         if (step % 2 == 0) {
             moved = Random(bytes);
             size_t done = 0;
-            for (const MemoryChunk& piece : chunks.chunk) {
+            for (const MemoryChunk& piece : Pieces(chunks)) {
                 memcpy(At(piece.addr), moved.data() + done, piece.len);
                 done += piece.len;
             }
@@ -344,13 +189,14 @@ TEST_P(Backends, MoveScatteredSectorsWhereOffered)
             std::copy(moved.begin(), moved.end(), &shadow[first * 512]);
         } else {
             EXPECT_EQ(expected, DevDrctRead(&handle, first, Length(sectors), list));
-            for (const MemoryChunk& piece : chunks.chunk) {
+            for (const MemoryChunk& piece : Pieces(chunks)) {
                 moved.insert(moved.end(), At(piece.addr), At(piece.addr) + piece.len);
             }
             EXPECT_EQ(0, memcmp(&shadow[first * 512], moved.data(), bytes));
         }
-        EXPECT_TRUE(shadow == OnCard(0, kSectors)) << step;
+        EXPECT_TRUE(Slice(shadow, first, sectors) == OnCard(first, sectors)) << step;
     }
+    EXPECT_TRUE(shadow == OnCard(0, kSectors));
 }
 
 TEST_P(Backends, MoveTheArrayFormsPiecesWhereOffered)
@@ -376,6 +222,7 @@ TEST_P(Backends, MoveTheArrayFormsPiecesWhereOffered)
         return;
     }
     const auto expected = static_cast<int32_t>(Length(8));
+    bench->ZeroFreshBlocks(4 + 8 * MEMORY_ARRAY_PIECES);
     EXPECT_EQ(expected, DevDrctWriteArray(&handle, 50, Length(8), &array, 0, &retried));
     EXPECT_EQ(0u, retried);
     Bytes reversed;
@@ -424,12 +271,11 @@ TEST_P(Backends, WriteRunsOfSectorsWhereOffered)
 TEST_P(Backends, AnswerForRealTimeControl)
 {
     Open();
-    slots->With([](sim_zel& zel) {
-        zel.rt.rt_status = 0;
-        zel.rt.delay_status = 0;
-        zel.rt.on_for_wait = 0;
-    });
-    kernel.ClearCalls();
+    for (const char* key : {"rt_status", "delay_status", "on_for_wait"}) {
+        bench->SetState("rtctrl", key, 0);
+    }
+    bench->ClearCalls(backend.place);
+    bench->ClearCalls("rtctrl");
     EXPECT_EQ("", Printed([&] {
                   EXPECT_EQ(backend.real_time ? 0 : 1, DevCheckRt(&handle));
                   EXPECT_EQ(backend.real_time ? 0 : 1, DevCheckDelay(&handle));
@@ -437,7 +283,8 @@ TEST_P(Backends, AnswerForRealTimeControl)
                   DevLockRTOn(&handle);
                   DevUnlockRTOn(&handle);
               }));
-    EXPECT_EQ(backend.real_time ? 5u : 0u, kernel.Calls().size());
+    EXPECT_EQ(backend.real_time ? 5u : 0u, bench->Calls("rtctrl").size());
+    EXPECT_TRUE(bench->Calls(backend.place).empty());
 }
 
 TEST_P(Backends, CallBackWhereTheyCanTellAnEject)
@@ -447,7 +294,7 @@ TEST_P(Backends, CallBackWhereTheyCanTellAnEject)
     uint16_t status = 0;
     EXPECT_EQ(0, CARD_Getstatus(&handle, &status));
     EXPECT_EQ(0, ejects);
-    Pull();
+    bench->Eject(backend.place);
     int expected = 0;
     for (int round = 0; round < 3; round++) {
         CardIoResult result = {0, 0, 77};
@@ -470,7 +317,8 @@ TEST_P(Backends, CallBackWhereTheyCanTellAnEject)
         EXPECT_EQ(expected + 4, ejects);
     } else {
         EXPECT_EQ(CARD_STATUS_READY, status);
-        EXPECT_EQ(kSectors, CARD_GetCardSize(&handle));
+        EXPECT_EQ("[zel:RicohSD_CardGetSize(#)](E)BLKGETSIZE failed : No such device\n",
+                  Printed([&] { EXPECT_EQ(0u, CARD_GetCardSize(&handle)); }));
     }
 }
 
@@ -479,13 +327,14 @@ TEST_P(Backends, LeaveAnEjectToTheDriverWithoutACallback)
 {
     Open();
     ASSERT_EQ(0, CARD_Init(&handle, 5, nullptr));
-    Pull();
+    bench->Eject(backend.place);
     CardIoResult result = {0, 0, 77};
-    kernel.ClearCalls();
+    bench->ClearCalls(backend.place);
     EXPECT_EQ(0, CARD_Read(&handle, memory.data(), 1, 0, 0, &result));
-    EXPECT_EQ(ENXIO, errno);
+    // What a block device's reads fail with is its cache's word.
+    EXPECT_EQ(backend.plain_node == BenchNode::Block ? EIO : ENXIO, errno);
     EXPECT_EQ(10, result.error);
-    EXPECT_EQ(2u, kernel.Calls().size());  // the seek and the read
+    EXPECT_TRUE(SentRequests().empty());
     uint16_t status = 0;
     EXPECT_EQ(0, CARD_Getstatus(&handle, &status));
     EXPECT_EQ(CARD_STATUS_READY, status);
@@ -498,50 +347,46 @@ TEST_P(Backends, AreDoneWithAfterExit)
     EXPECT_EQ("", Printed([&] { DevExit(&handle); }));
     const DrvInfo zeroed = {};
     EXPECT_EQ(0, memcmp(&zeroed, &handle, sizeof handle));
-    EXPECT_EQ(0u, kernel.OpenFiles());
-    EXPECT_EQ(0u, kernel.LiveBlocks());
-    kernel.ClearCalls();
+    EXPECT_EQ("", bench->LeftBehind());
+    bench->ClearCalls(backend.place);
     uint16_t status = 0;
     EXPECT_EQ("[drv:CARD_Getstatus(#)](E)Invalid wrapper low-level driver info!\n",
               Printed([&] { EXPECT_EQ(10, CARD_Getstatus(&handle, &status)); }));
-    EXPECT_TRUE(kernel.Calls().empty());
+    EXPECT_TRUE(bench->Calls(backend.place).empty());
 }
 
 TEST_P(Backends, ServeAgainAfterExit)
 {
-    const Bytes written = Random(512);
     for (int round = 0; round < 3; round++) {
         SCOPED_TRACE(round);
+        // Registers are asked for afresh.
+        Bytes csd = bench->Register(backend.place, "csd");
+        csd[15] = static_cast<uint8_t>(round);
+        bench->SetRegister(backend.place, "csd", csd);
         handle = HandleFor(backend.node);
         Open();
         ASSERT_EQ(0, CARD_Init(&handle, 0, CountEject));
         CardIoResult result = {};
+        const Bytes written = Random(512);
         Bytes read(512);
+        EXPECT_EQ(0, CARD_Write(&handle, written.data(), 1, 77, 0, &result));
         EXPECT_EQ(0, CARD_Read(&handle, read.data(), 1, 77, 0, &result));
         EXPECT_EQ(0, result.error);
-        EXPECT_EQ(round == 0 ? Bytes(512, 0) : written, read);
-        EXPECT_EQ(0, CARD_Write(&handle, written.data(), 1, 77, 0, &result));
-        EXPECT_EQ(0, result.error);
+        EXPECT_EQ(written, read);
         CardInfo info = {};
         EXPECT_EQ(0, CARD_Getinfo(&handle, &info));
-        EXPECT_EQ(0, memcmp(info.csd, card->model().csd, 16));
+        EXPECT_EQ(0, memcmp(info.csd, csd.data(), 16));
         EXPECT_EQ(0, ejects);
         // What an eject has left behind does not outlast the exit.
-        Pull();
+        bench->Eject(backend.place);
         EXPECT_EQ(0, CARD_Read(&handle, read.data(), 1, 77, 0, &result));
         EXPECT_EQ(10, result.error);
         EXPECT_EQ(backend.tells_eject ? 1 : 0, ejects);
-        Printed([&] { DevExit(&handle); });
-        EXPECT_EQ(0u, kernel.OpenFiles());
-        EXPECT_EQ(0u, kernel.LiveBlocks());
+        Exit();
+        EXPECT_EQ("", bench->LeftBehind());
         ejects = 0;
-        kernel.ClearFaults();
-        card->model().csd[15] = static_cast<uint8_t>(round);  // asked for afresh
         Insert();
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(All, Backends, testing::ValuesIn(kBackends),
-                         [](const auto& backend) { return backend.param.name; });
 
 }  // namespace

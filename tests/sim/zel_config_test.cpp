@@ -169,7 +169,7 @@ TEST_F(ZelConfig, LetsACallFailAndTheCardLeave)
     EXPECT_EQ(-1, read(fd, sector, sizeof sector));
     EXPECT_EQ(EIO, errno);
     EXPECT_EQ(-1, read(fd, sector, sizeof sector));
-    EXPECT_EQ(ENXIO, errno);
+    EXPECT_EQ(EIO, errno);
     close(fd);
 }
 

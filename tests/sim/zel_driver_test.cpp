@@ -286,9 +286,9 @@ TEST_F(ZelDriver, RefusesAnEmptySlot)
     EXPECT_EQ(0, Ask(character, kReset));
     EXPECT_EQ(0, Ask(character, kGetStatus, record));
     EXPECT_EQ(-1, read(block, memory.data(), 512));
-    EXPECT_EQ(ENXIO, errno);
+    EXPECT_EQ(EIO, errno);
     EXPECT_EQ(-1, write(block, memory.data(), 512));
-    EXPECT_EQ(ENXIO, errno);
+    EXPECT_EQ(EIO, errno);
 }
 
 TEST_F(ZelDriver, ServesTheCardThatIsThereNow)

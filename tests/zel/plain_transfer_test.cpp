@@ -321,9 +321,9 @@ TEST_F(ZelPlain, FailsAtTheDriverWithoutACallback)
         kernel.ClearCalls();
         EXPECT_EQ("", Printed([&] {
                       EXPECT_EQ(-1, way.slot(&handle, buffer.data(), 1, 0));
-                      EXPECT_EQ(ENXIO, errno);
+                      EXPECT_EQ(EIO, errno);
                   }));
-        EXPECT_EQ((Trace{Seek("0") + " = 0", Move(way, "512") + " = -1 ENXIO"}), TraceOf(kernel));
+        EXPECT_EQ((Trace{Seek("0") + " = 0", Move(way, "512") + " = -1 EIO"}), TraceOf(kernel));
     }
     EXPECT_EQ(0, dev.ejected);
 }
