@@ -12,8 +12,11 @@ namespace cardsim {
 int BlockDriver::Open(File& file)
 {
     const std::shared_ptr<Card> card = Inserted();
+    if (!card) {
+        return -ENOMEDIUM;
+    }
     const bool for_writing = (file.flags & O_ACCMODE) != O_RDONLY;
-    return card && card->model().write_protected && for_writing ? -EROFS : 0;
+    return card->model().write_protected && for_writing ? -EROFS : 0;
 }
 
 int64_t BlockDriver::Seek(File& file, int64_t offset, int whence)

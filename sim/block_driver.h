@@ -22,7 +22,7 @@ public:
     {
     }
 
-    // A protected card can be opened for reading only.
+    // A protected card can be opened for reading only, no card not at all.
     int Open(File& file) override;
     int64_t Seek(File& file, int64_t offset, int whence) override;
     int64_t Read(File& file, void* to, uint32_t length) override;

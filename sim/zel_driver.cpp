@@ -32,7 +32,7 @@ public:
     }
 
     // The slot's protection is asked for with a request.
-    int Open(File&) override { return 0; }
+    int Open(File&) override { return Inserted() ? 0 : -ENOMEDIUM; }
 
     int Ioctl(File&, uint32_t request, uintptr_t argument) override
     {
