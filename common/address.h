@@ -7,7 +7,7 @@
 // An address as the drivers' records carry it. On a host with 64-bit pointers
 // what it points at - stack and heap included - must lie below 4 GiB; this is the
 // one place where such a host differs.
-inline uint32_t Address32(const void* object)
+__attribute__((always_inline)) inline uint32_t Address32(const void* object)
 {
     // The driver reads and writes what stands there, out of the compiler's sight.
     __asm__ volatile("" : : "r"(object) : "memory");

@@ -1,42 +1,34 @@
 // SPDX-License-Identifier: MIT
 #include "common/completion.h"
 
-#include <poll.h>
-
 namespace {
 
-constexpr short kEvents = POLLIN | POLLOUT | POLLERR | POLLHUP;
-constexpr int kCompletionMs = 4000;
 constexpr int kPendingMs = 1;
 
 }  // namespace
 
-Completion WaitForCompletion(int fd)
+Completion CompletionFailure(int ready, const struct pollfd* node)
 {
-    struct pollfd node = {fd, kEvents, 0};
-    const int ready = poll(&node, 1, kCompletionMs);
+    const int events = node->revents;
     if (ready < 0) {
         return Completion::PollFailed;
     }
     if (ready == 0) {
         return Completion::TimedOut;
     }
-    if (node.revents == 0) {
+    if (events == 0) {
         return Completion::NoEvent;
     }
-    if (node.revents == POLLOUT) {
-        return Completion::Done;
-    }
-    if ((node.revents & POLLHUP) != 0) {
+    if ((events & POLLHUP) != 0) {
         return Completion::HangUp;
     }
-    if ((node.revents & POLLERR) != 0) {
+    if ((events & POLLERR) != 0) {
         return Completion::Error;
     }
-    if ((node.revents & POLLNVAL) != 0) {
+    if ((events & POLLNVAL) != 0) {
         return Completion::InvalidDescriptor;
     }
-    if ((node.revents & POLLIN) != 0) {
+    if ((events & POLLIN) != 0) {
         return Completion::Input;
     }
     return Completion::OtherEvent;
@@ -44,6 +36,6 @@ Completion WaitForCompletion(int fd)
 
 void DiscardPendingEvent(int fd)
 {
-    struct pollfd node = {fd, kEvents, 0};
+    struct pollfd node = {fd, COMPLETION_EVENTS, 0};
     poll(&node, 1, kPendingMs);
 }

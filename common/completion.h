@@ -5,6 +5,8 @@
 #ifndef CARDDEV_COMMON_COMPLETION_H
 #define CARDDEV_COMMON_COMPLETION_H
 
+#include <poll.h>
+
 // What a wait came to. The caller has a message for each but the first.
 enum class Completion {
     Done,        // POLLOUT alone
@@ -19,10 +21,26 @@ enum class Completion {
     OtherEvent,
 };
 
+constexpr short COMPLETION_EVENTS = POLLIN | POLLOUT | POLLERR | POLLHUP;
+constexpr int COMPLETION_MS = 4000;
+
+#pragma GCC visibility push(hidden)
+
+// What poll's answer means, where it is not Done.
+Completion CompletionFailure(int ready, const struct pollfd* node) __attribute__((cold));
+
 // Wait for a driver's signal on `fd`, at most 4,000 ms. Leaves errno as poll does.
-Completion WaitForCompletion(int fd);
+__attribute__((always_inline)) inline Completion WaitForCompletion(int fd)
+{
+    struct pollfd node = {fd, COMPLETION_EVENTS, 0};
+    const int ready = poll(&node, 1, COMPLETION_MS);
+    return ready > 0 && node.revents == POLLOUT ? Completion::Done
+                                                : CompletionFailure(ready, &node);
+}
 
 // Take away a signal that is pending from before; waits 1 ms for one.
 void DiscardPendingEvent(int fd);
+
+#pragma GCC visibility pop
 
 #endif

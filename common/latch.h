@@ -8,12 +8,12 @@
 // lock. Relaxed: nothing else is ordered by it, and it costs a plain load or
 // store.
 // NOLINTNEXTLINE(readability-non-const-parameter): written by the builtin
-inline void Latch(uint8_t* latch)
+__attribute__((always_inline)) inline void Latch(uint8_t* latch)
 {
     __atomic_store_n(latch, uint8_t{1}, __ATOMIC_RELAXED);
 }
 
-inline bool IsLatched(const uint8_t* latch)
+__attribute__((always_inline)) inline bool IsLatched(const uint8_t* latch)
 {
     return __atomic_load_n(latch, __ATOMIC_RELAXED) != 0;
 }

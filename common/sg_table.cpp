@@ -40,9 +40,3 @@ int32_t SgAppend(SgEntry* table, int32_t index, uint32_t addr, uint32_t len)
     }
     return index;
 }
-
-void SgMarkEnd(SgEntry* table, int32_t used)
-{
-    SgEntry* last = table + used - 1;
-    last->len.Set(last->len.Get() | SG_END);
-}

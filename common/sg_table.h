@@ -7,6 +7,8 @@
 
 #include <stdint.h>
 
+#include "carddev.h"
+
 // A word that the driver reads with its least significant byte first, whatever
 // the processor's own order.
 class LittleEndian32 {
@@ -36,6 +38,8 @@ constexpr int32_t SG_TABLE_ENTRIES = 2048;
 constexpr uint32_t SG_MAX_LEN = 65536;
 constexpr uint32_t SG_END = 0x80000000;
 
+#pragma GCC visibility push(hidden)
+
 // Memory for a table, or null with errno set; SgFree gives it back. The table has
 // one entry's room in front: the end mark of an empty list goes there.
 SgEntry* SgAllocate();
@@ -48,7 +52,66 @@ void SgFree(SgEntry* table);
 // everything fitted.
 int32_t SgAppend(SgEntry* table, int32_t index, uint32_t addr, uint32_t len);
 
-// Mark the last of `used` entries as the list's end.
-void SgMarkEnd(SgEntry* table, int32_t used);
+// Mark the entry in front of `end` as the list's last.
+__attribute__((always_inline)) inline void SgMarkEnd(SgEntry* end)
+{
+    end[-1].len.Set(end[-1].len.Get() | SG_END);
+}
+
+// What an SgAppend for each chunk and the end mark come to, from an empty table on, in one
+// pass: an entry's length stays in a register until nothing more can join it. Returns the
+// place behind the last entry, or null for overflow.
+__attribute__((always_inline)) inline SgEntry* SgFill(SgEntry* table, const MemoryChunk* chunk,
+                                                      int32_t count)
+{
+    const MemoryChunk* const last = chunk + count - 1;
+    for (;; chunk++) {
+        if (count <= 0 || (chunk == last && chunk->len == 0)) {
+            SgMarkEnd(table);
+            return table;
+        }
+        if (chunk->len != 0) {
+            break;
+        }
+    }
+    SgEntry* entry = table;
+    const SgEntry* const slot_2047 = table + SG_TABLE_ENTRIES - 1;
+    uint32_t addr = chunk->addr;
+    uint32_t len = chunk->len;
+    for (;;) {
+        if (entry == slot_2047) {
+            return nullptr;
+        }
+        entry->addr.Set(addr);
+        uint32_t next_len = 0;
+        if (len > SG_MAX_LEN) {
+            addr += SG_MAX_LEN;
+            next_len = len - SG_MAX_LEN;
+            len = SG_MAX_LEN;
+        } else {
+            uint32_t entry_end = addr + len;
+            for (;;) {
+                if (chunk == last) {
+                    entry->len.Set(len | SG_END);
+                    return entry + 1;
+                }
+                chunk++;
+                addr = chunk->addr;
+                next_len = chunk->len;
+                if (addr == entry_end && len + next_len <= SG_MAX_LEN) {
+                    len += next_len;
+                    entry_end += next_len;
+                } else if (next_len != 0) {
+                    break;
+                }
+            }
+        }
+        entry->len.Set(len);
+        entry++;
+        len = next_len;
+    }
+}
+
+#pragma GCC visibility pop
 
 #endif

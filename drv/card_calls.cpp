@@ -5,13 +5,8 @@
 
 int32_t CARD_Init(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eject_cb)
 {
-    if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (handle->ops->CardInit == nullptr) {
-        LOG_WARNING("\nNOT supported CardInit method!\n");
-        return CARD_CODE_OK;
+    if (!IsBound(handle) || handle->ops->CardInit == nullptr) {
+        return Refuse(handle, Call::CARD_Init);
     }
     return handle->ops->CardInit(handle, eject_arg, eject_cb);
 }
@@ -20,8 +15,7 @@ int32_t CARD_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t firs
                   uint32_t word, CardIoResult* result)
 {
     if (!IsBound(handle) || result == nullptr) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
+        return Refuse(nullptr, Call::CARD_Read);
     }
     int32_t moved = -1;
     if (handle->ops->Read != nullptr) {
@@ -39,8 +33,7 @@ int32_t CARD_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32
                    uint32_t word, CardIoResult* result)
 {
     if (!IsBound(handle) || result == nullptr) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
+        return Refuse(nullptr, Call::CARD_Write);
     }
     int32_t moved = -1;
     if (handle->ops->Write != nullptr) {
@@ -57,31 +50,23 @@ int32_t CARD_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32
 int32_t CARD_Getstatus(DrvInfo* handle, uint16_t* status)
 {
     if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
+        return Refuse(handle, Call::CARD_Getstatus);
     }
     if (status == nullptr) {
-        LOG_ERROR("Invalid argument: status!\n");
-        return CARD_CODE_ERROR;
+        return RefuseArgument(Call::CARD_Getstatus);
     }
     if (handle->ops->CardGetStatus == nullptr) {
-        LOG_WARNING("\nNOT supported CardGetStatus method!\n");
-        return CARD_CODE_OK;
+        return Refuse(handle, Call::CARD_Getstatus);
     }
     return handle->ops->CardGetStatus(handle, status);
 }
 
 int32_t CARD_GetR1Status(DrvInfo* handle)
 {
-    if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
-    }
     // Guarded by its neighbour's slot: a back-end that has a status word has an
     // R1 status, and the warning appears for one that has neither.
-    if (handle->ops->CardGetStatus == nullptr) {
-        LOG_WARNING("\nNOT supported CardGetR1Status method!\n");
-        return CARD_CODE_OK;
+    if (!IsBound(handle) || handle->ops->CardGetStatus == nullptr) {
+        return Refuse(handle, Call::CARD_GetR1Status);
     }
     return handle->ops->CardGetR1Status(handle);
 }
@@ -89,16 +74,13 @@ int32_t CARD_GetR1Status(DrvInfo* handle)
 int32_t CARD_Getinfo(DrvInfo* handle, CardInfo* info)
 {
     if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
+        return Refuse(handle, Call::CARD_Getinfo);
     }
     if (info == nullptr) {
-        LOG_ERROR("Invalid argument: cardinfo!\n");
-        return CARD_CODE_ERROR;
+        return RefuseArgument(Call::CARD_Getinfo);
     }
     if (handle->ops->CardGetInfo == nullptr) {
-        LOG_WARNING("\nNOT supported CardGetInfo method!\n");
-        return CARD_CODE_OK;
+        return Refuse(handle, Call::CARD_Getinfo);
     }
     return handle->ops->CardGetInfo(handle, info);
 }
@@ -106,16 +88,13 @@ int32_t CARD_Getinfo(DrvInfo* handle, CardInfo* info)
 int32_t CARD_GetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
 {
     if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
+        return Refuse(handle, Call::CARD_GetSpeedInfo);
     }
     if (speed == nullptr) {
-        LOG_ERROR("Invalid argument: buf!\n");
-        return CARD_CODE_ERROR;
+        return RefuseArgument(Call::CARD_GetSpeedInfo);
     }
     if (handle->ops->CardGetSpeedInfo == nullptr) {
-        LOG_WARNING("\nNOT supported CardGetSpeedInfo method!\n");
-        return CARD_CODE_OK;
+        return Refuse(handle, Call::CARD_GetSpeedInfo);
     }
     return handle->ops->CardGetSpeedInfo(handle, speed);
 }
@@ -123,55 +102,37 @@ int32_t CARD_GetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
 int32_t CARD_SecureGetinfo(DrvInfo* handle, uint8_t* sd_status)
 {
     if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
+        return Refuse(handle, Call::CARD_SecureGetinfo);
     }
     if (sd_status == nullptr) {
-        LOG_ERROR("Invalid argument: buf!\n");
-        return CARD_CODE_ERROR;
+        return RefuseArgument(Call::CARD_SecureGetinfo);
     }
     if (handle->ops->CardSecureGetInfo == nullptr) {
-        LOG_WARNING("\nNOT supported CardSecureGetInfo method!\n");
-        return CARD_CODE_OK;
+        return Refuse(handle, Call::CARD_SecureGetinfo);
     }
     return handle->ops->CardSecureGetInfo(handle, sd_status);
 }
 
 uint32_t CARD_GetCardSize(DrvInfo* handle)
 {
-    if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (handle->ops->CardGetSize == nullptr) {
-        LOG_WARNING("\nNOT supported CardGetSize method!\n");
-        return 0;
+    if (!IsBound(handle) || handle->ops->CardGetSize == nullptr) {
+        return static_cast<uint32_t>(Refuse(handle, Call::CARD_GetCardSize));
     }
     return handle->ops->CardGetSize(handle);
 }
 
 int32_t CARD_GetWriteProtect(DrvInfo* handle)
 {
-    if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (handle->ops->CardGetWriteProtect == nullptr) {
-        LOG_WARNING("\nNOT supported CardGetWriteProtect method!\n");
-        return 0;
+    if (!IsBound(handle) || handle->ops->CardGetWriteProtect == nullptr) {
+        return Refuse(handle, Call::CARD_GetWriteProtect);
     }
     return handle->ops->CardGetWriteProtect(handle);
 }
 
 int32_t CARD_Ioctl(DrvInfo* handle, int32_t command, int32_t argument)
 {
-    if (!IsBound(handle)) {
-        LOG_ERROR("Invalid wrapper low-level driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (handle->ops->CardIoctl == nullptr) {
-        LOG_WARNING("\nNOT supported CardIoctl method!\n");
-        return CARD_CODE_OK;
+    if (!IsBound(handle) || handle->ops->CardIoctl == nullptr) {
+        return Refuse(handle, Call::CARD_Ioctl);
     }
     return handle->ops->CardIoctl(handle, command, argument);
 }

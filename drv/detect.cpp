@@ -49,7 +49,7 @@ int32_t DevDetect(DrvInfo* handle)
     struct stat64 node;
     const int examined = Examine(handle, &node);
     if (examined < 0) {
-        LOG_ERROR("stat[%.256s] failed : %s\n", handle->dev_path, strerror(errno));
+        LOG_ERROR("stat[%.256s] failed : %s\n", handle->dev_path, carddev_errno_text());
         return examined;
     }
     const bool is_block = S_ISBLK(node.st_mode);

@@ -8,14 +8,52 @@
 
 #include "carddev.h"
 
-#define LOG_TAG "drv"
+#define LOG_TAG Drv
 #include "common/log.h"
 
 // False for a handle that no call can serve: null, zeroed, or closed.
-inline bool IsBound(const DrvInfo* handle)
+__attribute__((always_inline)) inline bool IsBound(const DrvInfo* handle)
 {
     return handle != nullptr && handle->ops != nullptr;
 }
+
+// The public calls that a slot serves.
+enum class Call {
+    DevInit,
+    DevExit,
+    DevIoctl,
+    DevDrctRead,
+    DevDrctWrite,
+    DevDrctRMW,
+    DevFatWrite,
+    DevSdCmdWrite,
+    DevCheckRt,
+    DevCheckDelay,
+    DevRTOn4Wait,
+    DevLockRTOn,
+    DevUnlockRTOn,
+    CARD_Init,
+    CARD_Read,
+    CARD_Write,
+    CARD_Getstatus,
+    CARD_GetR1Status,
+    CARD_Getinfo,
+    CARD_GetSpeedInfo,
+    CARD_SecureGetinfo,
+    CARD_GetCardSize,
+    CARD_GetWriteProtect,
+    CARD_Ioctl,
+};
+
+#pragma GCC visibility push(hidden)
+
+// What a call answers, and says, that cannot be handed on: the handle is not bound, or
+// the slot is empty. Numbers alone go in, so a call that is handed on pays nothing.
+int32_t Refuse(const DrvInfo* handle, Call call, unsigned line = __builtin_LINE())
+    __attribute__((cold));
+
+// What a call answers that has nowhere to put its answer.
+int32_t RefuseArgument(Call call, unsigned line = __builtin_LINE()) __attribute__((cold));
 
 // Append the pieces of `list` to `chunks`, whose count must be 0 before.
 // Returns 0, or -22 when either is null.
@@ -39,5 +77,7 @@ static_assert(offsetof(MemoryArray, len) == 36 && offsetof(MemoryArray, count) =
 static_assert(offsetof(BlockListEntry, sectors) == 4 && offsetof(BlockListEntry, sector) == 8);
 static_assert(sizeof(void*) != 4 || sizeof(BlockListEntry) == 16);
 static_assert(sizeof(BlockList) == 2 * sizeof(void*));
+
+#pragma GCC visibility pop
 
 #endif

@@ -21,6 +21,21 @@ extern "C" {
 
 struct SgEntry;
 
+/**
+ * A unit's record begins at a cache line and fills whole ones, so that two units in use
+ * by two threads have no line in common: 32 bytes on the board's processor.
+ */
+#ifdef __powerpc__
+#define CARDDEV_CACHE_LINE 32
+#else
+#define CARDDEV_CACHE_LINE 64
+#endif
+#ifdef __GNUC__
+#define CARDDEV_OWN_CACHE_LINES __attribute__((aligned(CARDDEV_CACHE_LINE)))
+#else
+#define CARDDEV_OWN_CACHE_LINES
+#endif
+
 /** Units of the Mivo adaptor's driver. */
 #define MIVO_UNITS 2
 
@@ -41,7 +56,7 @@ typedef struct MivoDevice {
     uint32_t eject_arg;         /**< from CARD_Init */
     CardEjectCallback eject_cb; /**< from CARD_Init, or null */
     uint8_t ejected;            /**< 1 once the card was found gone */
-} MivoDevice;
+} CARDDEV_OWN_CACHE_LINES MivoDevice;
 
 extern MivoDevice mivo_dev[MIVO_UNITS];
 
@@ -68,7 +83,7 @@ typedef struct ZelDevice {
     uint32_t eject_arg;         /**< from CARD_Init */
     CardEjectCallback eject_cb; /**< from CARD_Init, or null */
     uint8_t ejected;            /**< 1 once the card was found gone */
-} ZelDevice;
+} CARDDEV_OWN_CACHE_LINES ZelDevice;
 
 extern ZelDevice zel_dev[ZEL_UNITS];
 

@@ -6,7 +6,7 @@
 #include "common/latch.h"
 #include "mivosdif/mivosdif.h"
 
-#define LOG_TAG "mivosdif"
+#define LOG_TAG Mivosdif
 #include "common/log.h"
 
 int32_t Mivo_CardGetStatus(DrvInfo* handle, uint16_t* status)
@@ -20,12 +20,7 @@ int32_t Mivo_CardGetStatus(DrvInfo* handle, uint16_t* status)
         LOG_ERROR("Invalid an argument\n");
         return CARD_CODE_ERROR;
     }
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
+    if (!Mivo_HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     *status = CARD_STATUS_READY;
@@ -40,12 +35,7 @@ int32_t Mivo_CardGetR1Status(DrvInfo* /*handle*/)
 int32_t Mivo_CardGetWriteProtect(DrvInfo* handle)
 {
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
+    if (!Mivo_HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     Mivo_CheckEject(dev);
@@ -55,7 +45,7 @@ int32_t Mivo_CardGetWriteProtect(DrvInfo* handle)
     pthread_mutex_lock(&dev->lock);
     const int result = ioctl(dev->chr_fd, MIVOSDIF_IOC_GET_WRITE_PROTECT, nullptr);
     if (result < 0) {
-        LOG_ERROR("ioctl(MIVOSDIF_IOC_GET_WRITE_PROTECT) is failed : %s\n", strerror(errno));
+        LOG_ERROR("ioctl(MIVOSDIF_IOC_GET_WRITE_PROTECT) is failed : %s\n", carddev_errno_text());
         pthread_mutex_unlock(&dev->lock);
         return -EIO;
     }

@@ -9,7 +9,7 @@
 #include "common/latch.h"
 #include "mivosdif/mivosdif.h"
 
-#define LOG_TAG "mivosdif"
+#define LOG_TAG Mivosdif
 #include "common/log.h"
 
 // A register that could not be read shows in the printed line alone: it is cached
@@ -24,12 +24,7 @@ int32_t Mivo_CardGetInfo(DrvInfo* handle, CardInfo* info)
     if (info == nullptr) {
         return CARD_CODE_ERROR;
     }
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
+    if (!Mivo_HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     if (dev->reg_buf != nullptr) {
@@ -45,7 +40,7 @@ int32_t Mivo_CardGetInfo(DrvInfo* handle, CardInfo* info)
     }
     dev->reg_buf = static_cast<CardInfo*>(malloc(sizeof *info));
     if (dev->reg_buf == nullptr) {
-        LOG_ERROR("Malloc register buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->reg_buf, info, sizeof *info);
@@ -65,8 +60,7 @@ int32_t Mivo_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
     if (IsLatched(&dev->ejected)) {
         return CARD_CODE_REMOVED;
     }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
+    if (!Mivo_HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     if (dev->secure_buf != nullptr) {
@@ -79,7 +73,7 @@ int32_t Mivo_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
     }
     dev->secure_buf = static_cast<uint8_t*>(malloc(CARD_SD_STATUS_SIZE));
     if (dev->secure_buf == nullptr) {
-        LOG_ERROR("Malloc secure buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc secure buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->secure_buf, sd_status, CARD_SD_STATUS_SIZE);
@@ -127,12 +121,7 @@ int32_t Mivo_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
     if (speed == nullptr) {
         return CARD_CODE_ERROR;
     }
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
+    if (!Mivo_HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     memset(speed, 0, sizeof *speed);
@@ -142,7 +131,7 @@ int32_t Mivo_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
     }
     MivoCardParams params = {};
     if (ioctl(dev->chr_fd, MIVOSDIF_IOC_GET_CARD_PARAMS, &params) < 0) {
-        LOG_ERROR("MIVOSDIF_IOC_GET_CARD_PARAMS failed : %s\n", strerror(errno));
+        LOG_ERROR("MIVOSDIF_IOC_GET_CARD_PARAMS failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     speed->bytes[0] = static_cast<uint8_t>(params.video_class);
@@ -157,7 +146,7 @@ int32_t Mivo_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
     speed->bytes[4] = AllocationUnitCode(AllocationUnit(&params));
     dev->speed_buf = static_cast<CardSpeedInfo*>(malloc(sizeof *speed));
     if (dev->speed_buf == nullptr) {
-        LOG_ERROR("Malloc speed info buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc speed info buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->speed_buf, speed, sizeof *speed);
@@ -174,14 +163,13 @@ uint32_t Mivo_CardGetSize(DrvInfo* handle)
     if (IsLatched(&dev->ejected)) {
         return static_cast<uint32_t>(-EIO);
     }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
+    if (!Mivo_HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     // The driver's capacity is not the answer: it tells how the registers are read.
     MivoCardParams params = {};
     if (ioctl(dev->chr_fd, MIVOSDIF_IOC_GET_CARD_PARAMS, &params) < 0) {
-        LOG_ERROR("MIVOSDIF_IOC_GET_CARD_PARAMS failed : %s\n", strerror(errno));
+        LOG_ERROR("MIVOSDIF_IOC_GET_CARD_PARAMS failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     uint8_t sd_status[CARD_SD_STATUS_SIZE];

@@ -7,7 +7,7 @@
 #include "common/latch.h"
 #include "mivosdif/mivosdif.h"
 
-#define LOG_TAG "mivosdif"
+#define LOG_TAG Mivosdif
 #include "common/log.h"
 
 // Without a callback the card is never looked at. A card that has gone is
@@ -48,7 +48,7 @@ void __Mivo_CheckEject(MivoDevice* dev)
     pthread_mutex_lock(&dev->lock);
     const int result = ioctl(dev->chr_fd, MIVOSDIF_IOC_GET_CARD_STATUS, &status);
     if (result < 0) {
-        LOG_ERROR("ioctl(MIVOSDIF_IOC_GET_CARD_STATUS) is failed : %s\n", strerror(errno));
+        LOG_ERROR("ioctl(MIVOSDIF_IOC_GET_CARD_STATUS) is failed : %s\n", carddev_errno_text());
         pthread_mutex_unlock(&dev->lock);
         return;
     }
@@ -59,35 +59,42 @@ void __Mivo_CheckEject(MivoDevice* dev)
     }
 }
 
-int Mivo_PollWait(int fd)
+// Its lines are Mivo_PollWait's, which most often ends without one.
+int Mivo_PollFailed(Completion completion)
 {
-    switch (WaitForCompletion(fd)) {
+    const char* const caller = "Mivo_PollWait";
+    switch (completion) {
         case Completion::Done:
             return 0;
         case Completion::PollFailed:
-            LOG_ERROR("poll error : %s\n", strerror(errno));
+            LOG_ERROR_OF(caller, __LINE__, "poll error : %s\n", carddev_errno_text());
             break;
         case Completion::TimedOut:
-            LOG_ERROR("poll timeout: %s\n", strerror(errno));
+            LOG_ERROR_OF(caller, __LINE__, "poll timeout: %s\n", carddev_errno_text());
             break;
         case Completion::NoEvent:
-            LOG_ERROR("Unknown poll events: 0x%08x\n", 0u);
+            LOG_ERROR_OF(caller, __LINE__, "Unknown poll events: 0x%08x\n", 0u);
             return -EINVAL;
         case Completion::HangUp:
-            LOG_ERROR("poll returns POLLHUP\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLHUP\n");
             break;
         case Completion::Error:
-            LOG_ERROR("poll returns POLLERR\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLERR\n");
             break;
         case Completion::InvalidDescriptor:
-            LOG_ERROR("poll returns POLLNVAL\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLNVAL\n");
             break;
         case Completion::Input:
-            LOG_ERROR("poll returns POLLIN\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLIN\n");
             break;
         case Completion::OtherEvent:
-            LOG_ERROR("poll returns another event POLL???\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns another event POLL???\n");
             break;
     }
     return errno != 0 ? -errno : -EIO;
+}
+
+int Mivo_PollWait(int fd)
+{
+    return Mivo_WaitDone(fd);
 }

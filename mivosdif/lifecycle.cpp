@@ -9,7 +9,7 @@
 #include "common/handle.h"
 #include "mivosdif/mivosdif.h"
 
-#define LOG_TAG "mivosdif"
+#define LOG_TAG Mivosdif
 #include "common/log.h"
 
 MivoDevice mivo_dev[MIVO_UNITS];
@@ -36,18 +36,19 @@ int32_t Mivo_Init(DrvInfo* handle)
 
     dev->chr_fd = OpenDevicePath(handle, O_RDWR);
     if (dev->chr_fd < 0) {
-        LOG_ERROR("open[%.256s] failed : %s\n", handle->dev_path, strerror(errno));
+        LOG_ERROR("open[%.256s] failed : %s\n", handle->dev_path, carddev_errno_text());
         return -1;
     }
     const int mounted = ioctl(dev->chr_fd, MIVOSDIF_IOC_MNTFS, nullptr);
     if (mounted < 0) {
-        LOG_ERROR("MIVOSDIF_IOC_MNTFS ioctl[%s] failed : %s\n", handle->dev_path, strerror(errno));
+        LOG_ERROR("MIVOSDIF_IOC_MNTFS ioctl[%s] failed : %s\n", handle->dev_path,
+                  carddev_errno_text());
         close(dev->chr_fd);
         return -1;
     }
     dev->sg_table = SgAllocate();
     if (dev->sg_table == nullptr) {
-        LOG_ERROR("Malloc sg table failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc sg table failed : %s\n", carddev_errno_text());
         close(dev->chr_fd);
         return -1;
     }
@@ -60,8 +61,7 @@ int32_t Mivo_Init(DrvInfo* handle)
 int32_t Mivo_Exit(DrvInfo* handle)
 {
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Mivo_IsOpened(dev)) {
         return 0;
     }
     if (dev->chr_fd == 0 || dev->sg_table == nullptr) {
@@ -70,7 +70,7 @@ int32_t Mivo_Exit(DrvInfo* handle)
     }
     if (ioctl(dev->chr_fd, MIVOSDIF_IOC_UMNTFS, nullptr) < 0) {
         LOG_ERROR("MIVOSDIF_IOC_UMNTFS ioctl[%.256s] failed : %s\n", handle->dev_path,
-                  strerror(errno));
+                  carddev_errno_text());
     }
     Mivo_PollClear(dev->chr_fd);
     SgFree(dev->sg_table);
@@ -85,12 +85,7 @@ int32_t Mivo_Exit(DrvInfo* handle)
 int32_t Mivo_CardInit(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eject_cb)
 {
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
+    if (!Mivo_HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     if (eject_arg != 0) {

@@ -9,6 +9,8 @@
 
 #include "carddev.h"
 #include "carddev_state.h"
+#include "common/completion.h"
+#include "common/latch.h"
 #include "common/request.h"
 #include "common/sg_table.h"
 
@@ -94,6 +96,8 @@ inline MivoDevice* MivoDeviceOf(const DrvInfo* handle)
 
 typedef SgEntry MivoSgEntry;
 
+#pragma GCC visibility push(hidden)
+
 extern "C" {
 
 // lifecycle.cpp
@@ -102,9 +106,15 @@ int32_t Mivo_Exit(DrvInfo* handle);
 int32_t Mivo_CardInit(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eject_cb);
 void Mivo_PollClear(int fd);
 
+// checks.cpp: false after a line of the caller's that says why.
+bool Mivo_ReportNotOpened(const char* caller, unsigned line) __attribute__((cold));
+bool Mivo_HasNode(const MivoDevice* dev, const char* caller = __builtin_FUNCTION(),
+                  unsigned line = __builtin_LINE());
+
 // events.cpp
 void Mivo_CheckEject(MivoDevice* dev);
 void __Mivo_CheckEject(MivoDevice* dev);
+int Mivo_PollFailed(Completion completion) __attribute__((cold));
 int Mivo_PollWait(int fd);
 
 // sg_table.cpp
@@ -139,5 +149,31 @@ int32_t Mivo_CardIoctl(DrvInfo* handle, int32_t command, int32_t argument);
 int32_t Mivo_Ioctl(DrvInfo* handle, uint32_t request, void* argument);
 
 }  // extern "C"
+
+// Whether there is a record; a line of the caller's where there is none.
+__attribute__((always_inline)) inline bool Mivo_IsOpened(const MivoDevice* dev,
+                                                         const char* caller = __builtin_FUNCTION(),
+                                                         unsigned line = __builtin_LINE())
+{
+    return dev != nullptr || Mivo_ReportNotOpened(caller, line);
+}
+
+// Whether the card has gone. Without a callback nobody asked for that to be looked at.
+__attribute__((always_inline)) inline bool Mivo_HasGone(MivoDevice* dev)
+{
+    if (dev->eject_cb != nullptr) {
+        __Mivo_CheckEject(dev);
+    }
+    return IsLatched(&dev->ejected);
+}
+
+// Mivo_PollWait, within its caller.
+__attribute__((always_inline)) inline int Mivo_WaitDone(int fd)
+{
+    const Completion completion = WaitForCompletion(fd);
+    return completion == Completion::Done ? 0 : Mivo_PollFailed(completion);
+}
+
+#pragma GCC visibility pop
 
 #endif

@@ -3,7 +3,7 @@
 
 #include "mivosdif/mivosdif.h"
 
-#define LOG_TAG "mivosdif"
+#define LOG_TAG Mivosdif
 #include "common/log.h"
 
 int32_t Mivo_SetSgEntry(MivoSgEntry* table, int32_t index, uint32_t addr, uint32_t len)
@@ -19,22 +19,36 @@ int32_t Mivo_SetSgEntry(MivoSgEntry* table, int32_t index, uint32_t addr, uint32
     return used;
 }
 
+namespace {
+
+// Why there is no list: where the chunks are too many, they are put down once more, one by
+// one, up to the entry that fails. The lines are Mivo_Chunk2Sg's.
+__attribute__((cold, noinline)) int32_t ListFailed(const MemoryChunkArray* chunks,
+                                                   MivoSgEntry* table)
+{
+    if (chunks == nullptr || table == nullptr) {
+        LOG_ERROR_OF("Mivo_Chunk2Sg", __LINE__, "Invalid arguments!\n");
+        return -EINVAL;
+    }
+    int32_t used = 0;
+    for (const MemoryChunk* chunk = chunks->chunk; used >= 0; chunk++) {
+        used = Mivo_SetSgEntry(table, used, chunk->addr, chunk->len);
+    }
+    LOG_ERROR_OF("Mivo_Chunk2Sg", __LINE__, "Mivo_SetSgEntry failed(%d)!\n", used);
+    return used;
+}
+
+}  // namespace
+
 // An empty list sets the end mark in front of the table, where there is room.
 int32_t Mivo_Chunk2Sg(const MemoryChunkArray* chunks, MivoSgEntry* table)
 {
     if (chunks == nullptr || table == nullptr) {
-        LOG_ERROR("Invalid arguments!\n");
-        return -EINVAL;
+        return ListFailed(chunks, table);
     }
-    const auto count = static_cast<int32_t>(chunks->count);
-    int32_t used = 0;
-    for (int32_t i = 0; i < count; i++) {
-        used = Mivo_SetSgEntry(table, used, chunks->chunk[i].addr, chunks->chunk[i].len);
-        if (used < 0) {
-            LOG_ERROR("Mivo_SetSgEntry failed(%d)!\n", used);
-            return used;
-        }
+    MivoSgEntry* const end = SgFill(table, chunks->chunk, static_cast<int32_t>(chunks->count));
+    if (end == nullptr) {
+        return ListFailed(chunks, table);
     }
-    SgMarkEnd(table, used);
-    return used * static_cast<int32_t>(sizeof(MivoSgEntry));
+    return static_cast<int32_t>(end - table) * static_cast<int32_t>(sizeof(MivoSgEntry));
 }

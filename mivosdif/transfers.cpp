@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // Moving data: plain reads and writes of the node, and the five direct
-// requests, which share a policy of retries and differ in their words.
+// requests, which share a policy of retries and differ in their request.
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -13,46 +13,106 @@
 #include "common/transfer_records.h"
 #include "mivosdif/mivosdif.h"
 
-#define LOG_TAG "mivosdif"
+#define LOG_TAG Mivosdif
 #include "common/log.h"
 
 namespace {
 
-constexpr int kTries = 3;  // the third failure ends it
+constexpr int kErrorTries = 3;  // the third failure ends it
+
+// A direct request, and what it says when it does not succeed at once. Arrays, so that
+// there is no address to fill in when the library is loaded.
+struct Request {
+    uint32_t number;  // what is sent again after a failure
+    char retry[48];
+    char failure[60];
+};
+
+constexpr Request kRead = {
+    MIVOSDIF_IOC_DIRECT_READ,
+    "Retry MIVOSDIF_IOC_DIRECT_READ : retry=%d!\n",
+    "ioctl(MIVOSDIF_IOC_DIRECT_READ) is failed(retry=%d) : %s\n",
+};
+
+constexpr Request kWrite = {
+    MIVOSDIF_IOC_DIRECT_WRITE,
+    "Retry MIVOSDIF_IOC_DIRECT_WRITE : retry=%d!\n",
+    "ioctl(MIVOSDIF_IOC_DIRECT_WRITE) is failed(retry=%d) : %s\n",
+};
+
+constexpr Request kCommand = {
+    MIVOSDIF_IOC_SDCMD_WRITE,
+    "Retry MIVOSDIF_IOC_SDCMD_WRITE : retry=%d!\n",
+    "ioctl(MIVOSDIF_IOC_SDCMD_WRITE) is failed(retry=%d) : %s\n",
+};
+
+// Send a request and wait for its end, even where the driver did not accept it. 0: done.
+// Positive: not finished, to be sent again. Negative: failed, and errno, whatever set it,
+// decides what follows.
+__attribute__((always_inline)) inline int Send(const MivoDevice* dev, uint32_t number,
+                                               const void* record)
+{
+    const int answer = ioctl(dev->chr_fd, number, record);
+    const int completion = Mivo_WaitDone(dev->chr_fd);
+    return answer | completion;  // negative where one of them is
+}
+
+// What Send says of a request that is not finished; begins one, too.
+constexpr int kToSend = 1;
 
 // The failures of one call.
 struct Tries {
-    RetryCounter errors = {kTries};
-    int error = 0;  // errno after the last one
+    RetryCounter<kErrorTries> errors;
 };
 
-enum class Verdict { Done, Retry, GiveUp };
+enum class Verdict { Retry, GiveUp };
 
-// Send a request until the driver has finished it or fails. A positive answer
-// means that it has not finished: it is sent again, without end and uncounted.
-// Completion is waited for even where the request failed. What decides is the
-// errno left after that, whatever set it; a device that has gone gets no further
-// try.
-Verdict Try(const MivoDevice* dev, uint32_t request, const void* record, Tries* tries)
+// The tests see each of the texts printed.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+// What follows a failed try; a device that has gone gets no further one. The lines are
+// the caller's.
+Verdict Judge(MivoDevice* dev, const Request& request, Tries* tries, const char* caller,
+              unsigned line)
 {
-    for (;;) {
-        const int answer = ioctl(dev->chr_fd, request, record);
-        const int completion = Mivo_PollWait(dev->chr_fd);
-        if (answer < 0 || completion < 0) {
-            break;
-        }
-        if (answer == 0) {
-            return Verdict::Done;
-        }
-    }
-    tries->error = errno;
+    const int error = errno;
     const bool may_retry = tries->errors.MayRetry();
-    return may_retry && tries->error != ENODEV ? Verdict::Retry : Verdict::GiveUp;
+    if (may_retry && error != ENODEV) {
+        LOG_WARNING_OF(caller, line, request.retry, tries->errors.count);
+        return Verdict::Retry;
+    }
+    LOG_ERROR_OF(caller, line, request.failure, tries->errors.count, strerror(error));
+    Latch(&dev->io_error);
+    return Verdict::GiveUp;
 }
 
-void Reset(const MivoDevice* dev)
+#pragma GCC diagnostic pop
+
+// What follows a first try that did not end the matter, with what Send said of it: the
+// request goes out until the driver has finished it, without end and uncounted, or has
+// failed too often. The lines are the caller's.
+__attribute__((cold, noinline)) bool Insist(MivoDevice* dev, const Request& request,
+                                            uint32_t number, const void* record, int said,
+                                            uint32_t* retried = nullptr,
+                                            const char* caller = __builtin_FUNCTION(),
+                                            unsigned line = __builtin_LINE())
 {
-    ioctl(dev->chr_fd, MIVOSDIF_IOC_RESET, nullptr);
+    Tries tries;
+    while (said != 0) {
+        if (said < 0) {
+            if (Judge(dev, request, &tries, caller, line) == Verdict::GiveUp) {
+                return false;
+            }
+            if (retried != nullptr) {
+                *retried = 1;
+            }
+            number = request.number;
+            ioctl(dev->chr_fd, MIVOSDIF_IOC_RESET, nullptr);
+        }
+        said = Send(dev, number, record);
+    }
+    return true;
 }
 
 }  // namespace
@@ -61,20 +121,14 @@ int32_t Mivo_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t firs
                   uint32_t /*word*/)
 {
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Mivo_HasNode(dev)) {
         return -ENODEV;
     }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
-        return -ENODEV;
-    }
-    Mivo_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
+    if (Mivo_HasGone(dev)) {
         return -EIO;
     }
     if (lseek64(dev->chr_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
-        LOG_ERROR("lseek failed : %s\n", strerror(errno));
+        LOG_ERROR("lseek failed : %s\n", carddev_errno_text());
         return -EINVAL;
     }
     return static_cast<int32_t>(read(dev->chr_fd, buffer, SectorsToBytes(sectors)));
@@ -84,23 +138,14 @@ int32_t Mivo_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32
                    uint32_t /*word*/)
 {
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Mivo_HasNode(dev)) {
         return -ENODEV;
     }
-    if (dev->chr_fd == 0) {
-        LOG_ERROR("Invalid chr_fd!\n");
-        return -ENODEV;
-    }
-    if (IsLatched(&dev->io_error)) {
-        return -EIO;
-    }
-    Mivo_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
+    if (IsLatched(&dev->io_error) || Mivo_HasGone(dev)) {
         return -EIO;
     }
     if (lseek64(dev->chr_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
-        LOG_ERROR("lseek failed : %s\n", strerror(errno));
+        LOG_ERROR("lseek failed : %s\n", carddev_errno_text());
         return -EINVAL;
     }
     return static_cast<int32_t>(write(dev->chr_fd, buffer, SectorsToBytes(sectors)));
@@ -110,13 +155,17 @@ int32_t Mivo_DrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t sectors,
                       MemoryChunkArray* chunks)
 {
     MivoDevice* dev = MivoDeviceOf(handle);
-    Mivo_CheckEject(dev);
     if (dev == nullptr) {
+        Mivo_CheckEject(dev);
         return -ENODEV;
     }
-    if (IsLatched(&dev->ejected)) {
+    if (Mivo_HasGone(dev)) {
         return -EIO;
     }
+    direct_parm parm;
+    parm.sector = first_sector;
+    parm.sectors = sectors;
+    parm.sg_table = Address32(dev->sg_table);
     pthread_mutex_lock(&dev->lock);
     const int32_t sg_bytes = Mivo_Chunk2Sg(chunks, dev->sg_table);
     if (sg_bytes < 0) {
@@ -124,26 +173,11 @@ int32_t Mivo_DrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t sectors,
         pthread_mutex_unlock(&dev->lock);
         return -EINVAL;
     }
-    const direct_parm parm = {first_sector, sectors, Address32(dev->sg_table),
-                              static_cast<uint32_t>(sg_bytes)};
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, MIVOSDIF_IOC_DIRECT_READ, &parm, &tries);
-        if (verdict == Verdict::Done) {
-            pthread_mutex_unlock(&dev->lock);
-            return static_cast<int32_t>(sectors);
-        }
-        if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry MIVOSDIF_IOC_DIRECT_READ : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(MIVOSDIF_IOC_DIRECT_READ) is failed(retry=%d) : %s\n",
-                      tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    parm.sg_bytes = static_cast<uint32_t>(sg_bytes);
+    const int said = Send(dev, MIVOSDIF_IOC_DIRECT_READ, &parm);
+    const bool done = said == 0 || Insist(dev, kRead, MIVOSDIF_IOC_DIRECT_READ, &parm, said);
+    pthread_mutex_unlock(&dev->lock);
+    return done ? static_cast<int32_t>(sectors) : -EIO;
 }
 
 // `flag` 0 begins with the alternative write. After a failure the plain write takes
@@ -155,17 +189,16 @@ int32_t Mivo_DrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t sectors,
         return -EINVAL;
     }
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Mivo_IsOpened(dev)) {
         return -ENODEV;
     }
-    if (IsLatched(&dev->io_error)) {
+    if (IsLatched(&dev->io_error) || Mivo_HasGone(dev)) {
         return -EIO;
     }
-    Mivo_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
-        return -EIO;
-    }
+    direct_parm parm;
+    parm.sector = first_sector;
+    parm.sectors = sectors;
+    parm.sg_table = Address32(dev->sg_table);
     pthread_mutex_lock(&dev->lock);
     const int32_t sg_bytes = Mivo_Chunk2Sg(chunks, dev->sg_table);
     if (sg_bytes < 0) {
@@ -174,29 +207,12 @@ int32_t Mivo_DrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t sectors,
         return -EINVAL;
     }
     *retried = 0;
-    const direct_parm parm = {first_sector, sectors, Address32(dev->sg_table),
-                              static_cast<uint32_t>(sg_bytes)};
-    uint32_t request = flag == 0 ? MIVOSDIF_IOC_DIRECT_WRITE_ALT : MIVOSDIF_IOC_DIRECT_WRITE;
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, request, &parm, &tries);
-        if (verdict == Verdict::Done) {
-            pthread_mutex_unlock(&dev->lock);
-            return static_cast<int32_t>(sectors);
-        }
-        if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry MIVOSDIF_IOC_DIRECT_WRITE : retry=%d!\n", tries.errors.count);
-            *retried = 1;
-            request = MIVOSDIF_IOC_DIRECT_WRITE;
-        } else {
-            LOG_ERROR("ioctl(MIVOSDIF_IOC_DIRECT_WRITE) is failed(retry=%d) : %s\n",
-                      tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    parm.sg_bytes = static_cast<uint32_t>(sg_bytes);
+    const uint32_t number = flag == 0 ? MIVOSDIF_IOC_DIRECT_WRITE_ALT : MIVOSDIF_IOC_DIRECT_WRITE;
+    const int said = Send(dev, number, &parm);
+    const bool done = said == 0 || Insist(dev, kWrite, number, &parm, said, retried);
+    pthread_mutex_unlock(&dev->lock);
+    return done ? static_cast<int32_t>(sectors) : -EIO;
 }
 
 namespace {
@@ -223,6 +239,73 @@ void Describe(const BlockListEntry* element, const MivoSgEntry* table, fsmiw_par
     parm->sg_len = table[0].len.Stored();
 }
 
+// What tells DrctRMW and FatWrite apart behind their checks.
+struct ElementRequest {
+    Request request;
+    char panic[36];
+    bool marks_end;  // of each element's entries
+};
+
+constexpr ElementRequest kRmw = {
+    {MIVOSDIF_IOC_DIRECT_RMW, "Retry MIVOSDIF_IOC_DIRECT_RMW : retry=%d!\n",
+     "ioctl(MIVOSDIF_IOC_DIRECT_RMW) is failed(retry=%d) : %s\n"},
+    "DrctRMW List panic(%d/%d)!\n",
+    false,
+};
+
+constexpr ElementRequest kFat = {
+    {MIVOSDIF_IOC_FSMI_WRITE, "Retry MIVOSDIF_IOC_FSMI_WRITE : retry=%d!\n",
+     "ioctl(MIVOSDIF_IOC_FSMI_WRITE) is failed(retry=%d) : %s\n"},
+    "FSMI List panic(%d/%d)!\n",
+    true,
+};
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+// The lines are the caller's. A chain that ends early is printed and sent all the same,
+// with the elements beyond as the allocator left them.
+int32_t WriteElements(MivoDevice* dev, const BlockList* list, const ElementRequest& kind,
+                      const char* caller = __builtin_FUNCTION(), unsigned line = __builtin_LINE())
+{
+    fsmiw_parm* parms = AllocateParms(list->count);
+    if (parms == nullptr) {
+        LOG_ERROR_OF(caller, line, "fsmiw_parm malloc failed!");
+        return -ENOMEM;
+    }
+    const fsmiw_req req = {static_cast<uint32_t>(list->count), 0, Address32(parms)};
+    pthread_mutex_lock(&dev->lock);
+    int32_t result = 0;
+    const BlockListEntry* element = list->first;
+    int32_t done = 0;
+    for (; done < list->count && element != nullptr; done++, element = element->next) {
+        const int32_t used =
+            Mivo_SetSgEntry(dev->sg_table, 0, element->buf, SectorsToBytes(element->sectors));
+        if (used < 0) {
+            LOG_ERROR_OF(caller, line, "Mivo_SetSgEntry failed(%d)!\n", used);
+            result = used;
+            break;
+        }
+        if (kind.marks_end) {
+            SgMarkEnd(dev->sg_table + used);
+        }
+        Describe(element, dev->sg_table, &parms[done]);
+    }
+    if (result == 0) {
+        if (done < list->count) {
+            LOG_ERROR_OF(caller, line, kind.panic, done, list->count);
+        }
+        const bool sent =
+            Insist(dev, kind.request, kind.request.number, &req, kToSend, nullptr, caller, line);
+        result = sent ? 0 : -EIO;
+    }
+    free(parms);
+    pthread_mutex_unlock(&dev->lock);
+    return result;
+}
+
+#pragma GCC diagnostic pop
+
 }  // namespace
 
 int32_t Mivo_DrctRMW(DrvInfo* handle, BlockList* list)
@@ -231,59 +314,14 @@ int32_t Mivo_DrctRMW(DrvInfo* handle, BlockList* list)
         return -EINVAL;
     }
     MivoDevice* dev = MivoDeviceOf(handle);
-    Mivo_CheckEject(dev);
     if (dev == nullptr) {
+        Mivo_CheckEject(dev);
         return -ENODEV;
     }
-    if (IsLatched(&dev->ejected)) {
+    if (Mivo_HasGone(dev) || IsLatched(&dev->io_error)) {
         return -EIO;
     }
-    if (IsLatched(&dev->io_error)) {
-        return -EIO;
-    }
-    fsmiw_parm* parms = AllocateParms(list->count);
-    if (parms == nullptr) {
-        LOG_ERROR("fsmiw_parm malloc failed!");
-        return -ENOMEM;
-    }
-    const fsmiw_req req = {static_cast<uint32_t>(list->count), 0, Address32(parms)};
-    pthread_mutex_lock(&dev->lock);
-    const BlockListEntry* element = list->first;
-    int32_t done = 0;
-    for (; done < list->count && element != nullptr; done++, element = element->next) {
-        const int32_t used =
-            Mivo_SetSgEntry(dev->sg_table, 0, element->buf, SectorsToBytes(element->sectors));
-        if (used < 0) {
-            LOG_ERROR("Mivo_SetSgEntry failed(%d)!\n", used);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return used;
-        }
-        Describe(element, dev->sg_table, &parms[done]);
-    }
-    if (done < list->count) {
-        LOG_ERROR("DrctRMW List panic(%d/%d)!\n", done, list->count);
-    }
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, MIVOSDIF_IOC_DIRECT_RMW, &req, &tries);
-        if (verdict == Verdict::Done) {
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return 0;
-        }
-        if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry MIVOSDIF_IOC_DIRECT_RMW : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(MIVOSDIF_IOC_DIRECT_RMW) is failed(retry=%d) : %s\n",
-                      tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    return WriteElements(dev, list, kRmw);
 }
 
 int32_t Mivo_FatWrite(DrvInfo* handle, BlockList* list)
@@ -292,76 +330,23 @@ int32_t Mivo_FatWrite(DrvInfo* handle, BlockList* list)
         return -EINVAL;
     }
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Mivo_IsOpened(dev)) {
         return -ENODEV;
     }
-    if (IsLatched(&dev->io_error)) {
+    if (IsLatched(&dev->io_error) || Mivo_HasGone(dev)) {
         return -EIO;
     }
-    Mivo_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
-        return -EIO;
-    }
-    fsmiw_parm* parms = AllocateParms(list->count);
-    if (parms == nullptr) {
-        LOG_ERROR("fsmiw_parm malloc failed!");
-        return -ENOMEM;
-    }
-    const fsmiw_req req = {static_cast<uint32_t>(list->count), 0, Address32(parms)};
-    pthread_mutex_lock(&dev->lock);
-    const BlockListEntry* element = list->first;
-    int32_t done = 0;
-    for (; done < list->count && element != nullptr; done++, element = element->next) {
-        const int32_t used =
-            Mivo_SetSgEntry(dev->sg_table, 0, element->buf, SectorsToBytes(element->sectors));
-        if (used < 0) {
-            LOG_ERROR("Mivo_SetSgEntry failed(%d)!\n", used);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return used;
-        }
-        SgMarkEnd(dev->sg_table, used);
-        Describe(element, dev->sg_table, &parms[done]);
-    }
-    if (done < list->count) {
-        LOG_ERROR("FSMI List panic(%d/%d)!\n", done, list->count);
-    }
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, MIVOSDIF_IOC_FSMI_WRITE, &req, &tries);
-        if (verdict == Verdict::Done) {
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return 0;
-        }
-        if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry MIVOSDIF_IOC_FSMI_WRITE : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(MIVOSDIF_IOC_FSMI_WRITE) is failed(retry=%d) : %s\n",
-                      tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    return WriteElements(dev, list, kFat);
 }
 
 int32_t Mivo_SdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t cmd_arg,
                         uint8_t cmd_byte0, uint8_t cmd_byte1)
 {
     MivoDevice* dev = MivoDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Mivo_IsOpened(dev)) {
         return -ENODEV;
     }
-    if (IsLatched(&dev->io_error)) {
-        return -EIO;
-    }
-    Mivo_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
+    if (IsLatched(&dev->io_error) || Mivo_HasGone(dev)) {
         return -EIO;
     }
     pthread_mutex_lock(&dev->lock);
@@ -372,29 +357,14 @@ int32_t Mivo_SdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, u
         pthread_mutex_unlock(&dev->lock);
         return used;
     }
-    SgMarkEnd(dev->sg_table, used);
+    SgMarkEnd(dev->sg_table + used);
     sdcmd_request request;
     request.parm.cmd_byte0 = cmd_byte0;
     request.parm.cmd_byte1 = cmd_byte1;
     request.parm.data = Address32(&request.data);
     request.data = {cmd_arg, SectorsToBytes(sectors), Address32(dev->sg_table),
                     static_cast<uint32_t>(used * static_cast<int>(sizeof(MivoSgEntry)))};
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, MIVOSDIF_IOC_SDCMD_WRITE, &request, &tries);
-        if (verdict == Verdict::Done) {
-            pthread_mutex_unlock(&dev->lock);
-            return 0;
-        }
-        if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry MIVOSDIF_IOC_SDCMD_WRITE : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(MIVOSDIF_IOC_SDCMD_WRITE) is failed(retry=%d) : %s\n",
-                      tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    const bool done = Insist(dev, kCommand, kCommand.number, &request, kToSend);
+    pthread_mutex_unlock(&dev->lock);
+    return done ? 0 : -EIO;
 }

@@ -11,7 +11,7 @@
 
 // Its lines carry the tag of the back-end that it grew out of; log filters on
 // the board know them by it.
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 RicohSdDev ricoh_sd_dev[1];
@@ -51,7 +51,7 @@ int32_t RicohSD_Init(DrvInfo* handle)
         dev->blk_fd = open64(path, O_RDONLY);
     }
     if (dev->blk_fd < 0) {
-        LOG_ERROR("open[%s] failed : %s\n", path, strerror(errno));
+        LOG_ERROR("open[%s] failed : %s\n", path, carddev_errno_text());
         return -1;
     }
     carddev_print("Wrapper low-level driver for SD card-CardBus adaptor ver.%s\n", kDriverVersion);
@@ -85,7 +85,7 @@ int32_t RicohSD_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t f
         return -ENODEV;
     }
     if (lseek64(dev->blk_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
-        LOG_ERROR("lseek failed : %s\n", strerror(errno));
+        LOG_ERROR("lseek failed : %s\n", carddev_errno_text());
         return -EINVAL;
     }
     return static_cast<int32_t>(read(dev->blk_fd, buffer, SectorsToBytes(sectors)));
@@ -104,7 +104,7 @@ int32_t RicohSD_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uin
         return -ENODEV;
     }
     if (lseek64(dev->blk_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
-        LOG_ERROR("lseek failed : %s\n", strerror(errno));
+        LOG_ERROR("lseek failed : %s\n", carddev_errno_text());
         return -EINVAL;
     }
     return static_cast<int32_t>(write(dev->blk_fd, buffer, SectorsToBytes(sectors)));
@@ -173,16 +173,16 @@ int32_t RicohSD_CardGetInfo(DrvInfo* handle, CardInfo* info)
     // The CSD first, one byte ahead of its place: what the driver puts in front of
     // the register is its own affair, and the CID then overwrites that byte.
     if (ioctl(dev->blk_fd, SDCARD_GET_CSD, &info->cid[15]) < 0) {
-        LOG_ERROR("SDCARD_GET_CSD failed : %s\n", strerror(errno));
+        LOG_ERROR("SDCARD_GET_CSD failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     if (ioctl(dev->blk_fd, SDCARD_GET_CID, &info->cid[0]) < 0) {
-        LOG_ERROR("SDCARD_GET_CID failed : %s\n", strerror(errno));
+        LOG_ERROR("SDCARD_GET_CID failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     dev->reg_buf = static_cast<CardInfo*>(malloc(sizeof *info));
     if (dev->reg_buf == nullptr) {
-        LOG_ERROR("Malloc register buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->reg_buf, info, sizeof *info);
@@ -214,12 +214,12 @@ int32_t RicohSD_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
         return CARD_CODE_OK;
     }
     if (ioctl(dev->blk_fd, SDCARD_GET_SD_STATUS, sd_status) < 0) {
-        LOG_ERROR("SDCARD_GET_SD_STATUS failed : %s\n", strerror(errno));
+        LOG_ERROR("SDCARD_GET_SD_STATUS failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     dev->secure_buf = static_cast<uint8_t*>(malloc(CARD_SD_STATUS_SIZE));
     if (dev->secure_buf == nullptr) {
-        LOG_ERROR("Malloc register buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->secure_buf, sd_status, CARD_SD_STATUS_SIZE);
@@ -239,7 +239,7 @@ uint32_t RicohSD_CardGetSize(DrvInfo* handle)
     }
     uint32_t sectors = 0;
     if (ioctl(dev->blk_fd, RICOHSD_BLKGETSIZE, &sectors) < 0) {
-        LOG_ERROR("BLKGETSIZE failed : %s\n", strerror(errno));
+        LOG_ERROR("BLKGETSIZE failed : %s\n", carddev_errno_text());
         return 0;
     }
     return sectors;

@@ -35,6 +35,8 @@ struct RicohSdDev {
 
 static_assert(sizeof(void*) != 4 || sizeof(RicohSdDev) == 20);
 
+#pragma GCC visibility push(hidden)
+
 extern "C" {
 
 extern RicohSdDev ricoh_sd_dev[1];
@@ -57,5 +59,7 @@ uint32_t RicohSD_CardGetSize(DrvInfo* handle);
 int32_t RicohSD_CardGetWriteProtect(DrvInfo* handle);
 
 }  // extern "C"
+
+#pragma GCC visibility pop
 
 #endif

@@ -3,7 +3,7 @@
 // How a card of a given capacity is to be formatted. Sizes are in sectors.
 #include "carddev.h"
 
-#define LOG_TAG "sdparams"
+#define LOG_TAG Drv
 #include "common/log.h"
 
 namespace {

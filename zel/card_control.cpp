@@ -7,7 +7,7 @@
 #include "common/retry.h"
 #include "zel/zel.h"
 
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 int32_t Zel_CardGetStatus(DrvInfo* handle, uint16_t* status)
@@ -17,12 +17,7 @@ int32_t Zel_CardGetStatus(DrvInfo* handle, uint16_t* status)
         return CARD_CODE_ERROR;
     }
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return CARD_CODE_ERROR;
     }
     Zel_CheckEject(dev);
@@ -41,8 +36,7 @@ int32_t Zel_CardGetR1Status(DrvInfo* /*handle*/)
 int32_t Zel_CardGetWriteProtect(DrvInfo* handle)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Zel_IsOpened(dev)) {
         return CARD_CODE_ERROR;
     }
     if (dev->chr_fd == 0) {
@@ -53,7 +47,7 @@ int32_t Zel_CardGetWriteProtect(DrvInfo* handle)
     if (IsLatched(&dev->ejected)) {
         return -EIO;
     }
-    RetryCounter busy = {ZEL_BUSY_TRIES};
+    RetryCounter<ZEL_BUSY_TRIES> busy;
     pthread_mutex_lock(&dev->lock);
     for (;;) {
         const int result = ioctl(dev->chr_fd, ZEL_CHECK_WRITE_PROTECT, nullptr);

@@ -10,7 +10,7 @@
 #include "common/latch.h"
 #include "zel/zel.h"
 
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 namespace {
@@ -35,12 +35,7 @@ int32_t Zel_CardGetInfo(DrvInfo* handle, CardInfo* info)
         return CARD_CODE_ERROR;
     }
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return CARD_CODE_ERROR;
     }
     Zel_CheckEject(dev);
@@ -65,7 +60,7 @@ int32_t Zel_CardGetInfo(DrvInfo* handle, CardInfo* info)
     memcpy(info->csd, answer + ZEL_CARD_PARAMS_DATA, sizeof info->csd);
     dev->reg_buf = static_cast<CardInfo*>(malloc(sizeof *info));
     if (dev->reg_buf == nullptr) {
-        LOG_ERROR("Malloc register buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->reg_buf, info, sizeof *info);
@@ -78,12 +73,7 @@ int32_t Zel_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
         return CARD_CODE_ERROR;
     }
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return CARD_CODE_ERROR;
     }
     Zel_CheckEject(dev);
@@ -102,7 +92,7 @@ int32_t Zel_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
     memcpy(sd_status, answer + ZEL_CARD_PARAMS_DATA, CARD_SD_STATUS_SIZE);
     dev->secure_buf = static_cast<uint8_t*>(malloc(CARD_SD_STATUS_SIZE));
     if (dev->secure_buf == nullptr) {
-        LOG_ERROR("Malloc secure buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc secure buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->secure_buf, sd_status, CARD_SD_STATUS_SIZE);
@@ -116,12 +106,7 @@ int32_t Zel_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
         return CARD_CODE_ERROR;
     }
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return CARD_CODE_ERROR;
     }
     Zel_CheckEject(dev);
@@ -143,7 +128,7 @@ int32_t Zel_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
     }
     dev->speed_buf = static_cast<CardSpeedInfo*>(malloc(sizeof *speed));
     if (dev->speed_buf == nullptr) {
-        LOG_ERROR("Malloc speed info buffer failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc speed info buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     memcpy(dev->speed_buf, speed, sizeof *speed);
@@ -153,12 +138,7 @@ int32_t Zel_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
 uint32_t Zel_CardGetSize(DrvInfo* handle)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return CARD_CODE_ERROR;
     }
     Zel_CheckEject(dev);
@@ -168,7 +148,7 @@ uint32_t Zel_CardGetSize(DrvInfo* handle)
     // The node's own size is not the answer: it tells how the registers are read.
     uint32_t sectors = 0;
     if (ioctl(dev->blk_fd, ZEL_BLKGETSIZE, &sectors) < 0) {
-        LOG_ERROR("ioctl(BLKGETSIZE) failed : %s\n", strerror(errno));
+        LOG_ERROR("ioctl(BLKGETSIZE) failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
     uint8_t sd_status[CARD_SD_STATUS_SIZE];

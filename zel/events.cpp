@@ -9,7 +9,7 @@
 #include "common/retry.h"
 #include "zel/zel.h"
 
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 void Zel_Pause(void)
@@ -39,7 +39,7 @@ void __Zel_CheckEject(ZelDevice* dev)
         return;
     }
     ZelCardStatus status = {};
-    RetryCounter busy = {ZEL_BUSY_TRIES};
+    RetryCounter<ZEL_BUSY_TRIES> busy;
     pthread_mutex_lock(&dev->lock);
     for (;;) {
         const int result = ioctl(dev->chr_fd, ZEL_GET_CARD_STATUS, &status);
@@ -67,35 +67,42 @@ void __Zel_CheckEject(ZelDevice* dev)
     }
 }
 
-int Zel_PollWait(int fd)
+// Its lines are Zel_PollWait's, which most often ends without one.
+int Zel_PollFailed(Completion completion)
 {
-    switch (WaitForCompletion(fd)) {
+    const char* const caller = "Zel_PollWait";
+    switch (completion) {
         case Completion::Done:
             return 0;
         case Completion::PollFailed:
-            LOG_ERROR("poll error : %s\n", strerror(errno));
+            LOG_ERROR_OF(caller, __LINE__, "poll error : %s\n", carddev_errno_text());
             break;
         case Completion::TimedOut:
-            LOG_ERROR("poll timeout: %s\n", strerror(errno));
+            LOG_ERROR_OF(caller, __LINE__, "poll timeout: %s\n", carddev_errno_text());
             break;
         case Completion::NoEvent:
-            LOG_ERROR("Unknown poll events: 0x%08x\n", 0u);
+            LOG_ERROR_OF(caller, __LINE__, "Unknown poll events: 0x%08x\n", 0u);
             return -EINVAL;
         case Completion::HangUp:
-            LOG_ERROR("poll returns POLLHUP\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLHUP\n");
             break;
         case Completion::Error:
-            LOG_ERROR("poll returns POLLERR\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLERR\n");
             break;
         case Completion::InvalidDescriptor:
-            LOG_ERROR("poll returns POLLNVAL\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLNVAL\n");
             break;
         case Completion::Input:
-            LOG_ERROR("poll returns POLLIN\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns POLLIN\n");
             break;
         case Completion::OtherEvent:
-            LOG_ERROR("poll returns another event POLL???\n");
+            LOG_ERROR_OF(caller, __LINE__, "poll returns another event POLL???\n");
             break;
     }
     return errno != 0 ? -errno : -EIO;
+}
+
+int Zel_PollWait(int fd)
+{
+    return Zel_WaitDone(fd);
 }

@@ -11,7 +11,7 @@
 #include "common/handle.h"
 #include "zel/zel.h"
 
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 ZelDevice zel_dev[ZEL_UNITS];
@@ -54,12 +54,12 @@ int32_t Zel_Init(DrvInfo* handle)
 
     dev->dev_fd = OpenDevicePath(handle, O_RDWR);
     if (dev->dev_fd < 0) {
-        LOG_ERROR("open[%.256s] failed : %s\n", handle->dev_path, strerror(errno));
+        LOG_ERROR("open[%.256s] failed : %s\n", handle->dev_path, carddev_errno_text());
         return -1;
     }
     const int mounted = ioctl(dev->dev_fd, BLKMNTFS, nullptr);
     if (mounted < 0) {
-        LOG_ERROR("BLKMNTFS ioctl[%s] failed : %s\n", handle->dev_path, strerror(errno));
+        LOG_ERROR("BLKMNTFS ioctl[%s] failed : %s\n", handle->dev_path, carddev_errno_text());
         close(dev->dev_fd);
         return -1;
     }
@@ -67,7 +67,7 @@ int32_t Zel_Init(DrvInfo* handle)
     snprintf(blk_node, sizeof blk_node, "/dev/spd%c", letter);
     dev->blk_fd = open64(blk_node, O_RDWR);
     if (dev->blk_fd < 0) {
-        LOG_ERROR("open[%s] failed : %s\n", blk_node, strerror(errno));
+        LOG_ERROR("open[%s] failed : %s\n", blk_node, carddev_errno_text());
         close(dev->dev_fd);
         return -1;
     }
@@ -75,14 +75,14 @@ int32_t Zel_Init(DrvInfo* handle)
     snprintf(chr_node, sizeof chr_node, "/dev/spdr%c", letter);
     dev->chr_fd = open64(chr_node, O_RDWR);
     if (dev->chr_fd < 0) {
-        LOG_ERROR("open[%s] failed : %s\n", chr_node, strerror(errno));
+        LOG_ERROR("open[%s] failed : %s\n", chr_node, carddev_errno_text());
         close(dev->blk_fd);
         close(dev->dev_fd);
         return -1;
     }
     uint8_t identify[kIdentifySize];
     if (ioctl(dev->chr_fd, ZEL_IDENTIFY_DEVICE, identify) < 0) {
-        LOG_ERROR("Identify device[%s] failed : %s\n", chr_node, strerror(errno));
+        LOG_ERROR("Identify device[%s] failed : %s\n", chr_node, carddev_errno_text());
         CloseCardNodes(dev);
         return -1;
     }
@@ -97,13 +97,13 @@ int32_t Zel_Init(DrvInfo* handle)
     }
     dev->rt_fd = open64(kRtNode, O_RDWR);
     if (dev->rt_fd < 0) {
-        LOG_ERROR("open[%s] failed : %s\n", kRtNode, strerror(errno));
+        LOG_ERROR("open[%s] failed : %s\n", kRtNode, carddev_errno_text());
         CloseCardNodes(dev);
         return -1;
     }
     dev->sg_table = SgAllocate();
     if (dev->sg_table == nullptr) {
-        LOG_ERROR("Malloc sg table failed : %s\n", strerror(errno));
+        LOG_ERROR("Malloc sg table failed : %s\n", carddev_errno_text());
         close(dev->rt_fd);
         CloseCardNodes(dev);
         return -1;
@@ -125,7 +125,7 @@ int32_t Zel_SetSdParams(DrvInfo* handle)
     }
     ZelSetCardParams params = {0, 0, format.data_start};
     if (ioctl(dev->chr_fd, ZEL_SET_CARD_PARAMS, &params) < 0) {
-        LOG_ERROR("ioctl(ZEL_SET_CARD_PARAMS) failed : %s\n", strerror(errno));
+        LOG_ERROR("ioctl(ZEL_SET_CARD_PARAMS) failed : %s\n", carddev_errno_text());
         return -1;
     }
     return 0;
@@ -134,8 +134,7 @@ int32_t Zel_SetSdParams(DrvInfo* handle)
 int32_t Zel_Exit(DrvInfo* handle)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Zel_IsOpened(dev)) {
         return 0;
     }
     if (dev->blk_fd == 0 || dev->dev_fd == 0 || dev->chr_fd == 0 || dev->rt_fd == 0 ||
@@ -159,12 +158,7 @@ int32_t Zel_Exit(DrvInfo* handle)
 int32_t Zel_CardInit(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eject_cb)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return CARD_CODE_ERROR;
     }
     if (eject_arg != 0) {

@@ -6,7 +6,7 @@
 #include "common/latch.h"
 #include "zel/zel.h"
 
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 namespace {
@@ -70,16 +70,11 @@ int32_t Zel_CheckRt(DrvInfo* handle)
 {
     uint8_t status = 0;
     const ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return -ENODEV;
-    }
-    if (dev->rt_fd == 0) {
-        LOG_ERROR("Invalid rt_fd!\n");
+    if (!Zel_HasControlNode(dev)) {
         return -ENODEV;
     }
     if (ioctl(dev->rt_fd, RTCTRL_IOC_CHECK_RT_STATUS, &status) < 0) {
-        LOG_ERROR("RTCTRL_IOC_CHECK_RT_STATUS ioctl failed : %s\n", strerror(errno));
+        LOG_ERROR("RTCTRL_IOC_CHECK_RT_STATUS ioctl failed : %s\n", carddev_errno_text());
         return -errno;
     }
     return status;
@@ -89,16 +84,11 @@ int32_t Zel_CheckDelay(DrvInfo* handle)
 {
     uint8_t status = 0;
     const ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return -ENODEV;
-    }
-    if (dev->rt_fd == 0) {
-        LOG_ERROR("Invalid rt_fd!\n");
+    if (!Zel_HasControlNode(dev)) {
         return -ENODEV;
     }
     if (ioctl(dev->rt_fd, RTCTRL_IOC_CHECK_DELAY_STATUS, &status) < 0) {
-        LOG_ERROR("RTCTRL_IOC_CHECK_DELAY_STATUS ioctl failed : %s\n", strerror(errno));
+        LOG_ERROR("RTCTRL_IOC_CHECK_DELAY_STATUS ioctl failed : %s\n", carddev_errno_text());
         return -errno;
     }
     return status;
@@ -108,16 +98,11 @@ int32_t Zel_RTOn4Wait(DrvInfo* handle)
 {
     uint8_t status = 0;
     const ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return -ENODEV;
-    }
-    if (dev->rt_fd == 0) {
-        LOG_ERROR("Invalid rt_fd!\n");
+    if (!Zel_HasControlNode(dev)) {
         return -ENODEV;
     }
     if (ioctl(dev->rt_fd, RTCTRL_IOC_IS_RTON4WAIT, &status) < 0) {
-        LOG_ERROR("RTCTRL_IOC_IS_RTON4WAIT ioctl failed : %s\n", strerror(errno));
+        LOG_ERROR("RTCTRL_IOC_IS_RTON4WAIT ioctl failed : %s\n", carddev_errno_text());
         return -errno;
     }
     return status;
@@ -126,31 +111,21 @@ int32_t Zel_RTOn4Wait(DrvInfo* handle)
 void Zel_LockRTOn(DrvInfo* handle)
 {
     const ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return;
-    }
-    if (dev->rt_fd == 0) {
-        LOG_ERROR("Invalid rt_fd!\n");
+    if (!Zel_HasControlNode(dev)) {
         return;
     }
     if (ioctl(dev->rt_fd, RTCTRL_IOC_LOCK_RTON, nullptr) < 0) {
-        LOG_ERROR("RTCTRL_IOC_LOCK_RTON failed : %s\n", strerror(errno));
+        LOG_ERROR("RTCTRL_IOC_LOCK_RTON failed : %s\n", carddev_errno_text());
     }
 }
 
 void Zel_UnlockRTOn(DrvInfo* handle)
 {
     const ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return;
-    }
-    if (dev->rt_fd == 0) {
-        LOG_ERROR("Invalid rt_fd!\n");
+    if (!Zel_HasControlNode(dev)) {
         return;
     }
     if (ioctl(dev->rt_fd, RTCTRL_IOC_UNLOCK_RTON, nullptr) < 0) {
-        LOG_ERROR("RTCTRL_IOC_UNLOCK_RTON failed : %s\n", strerror(errno));
+        LOG_ERROR("RTCTRL_IOC_UNLOCK_RTON failed : %s\n", carddev_errno_text());
     }
 }

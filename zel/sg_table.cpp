@@ -3,7 +3,7 @@
 
 #include "zel/zel.h"
 
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 int32_t Zel_SetSgEntry(ZelSgEntry* table, int32_t index, uint32_t addr, uint32_t len)
@@ -19,22 +19,36 @@ int32_t Zel_SetSgEntry(ZelSgEntry* table, int32_t index, uint32_t addr, uint32_t
     return used;
 }
 
+namespace {
+
+// Why there is no list: where the chunks are too many, they are put down once more, one by
+// one, up to the entry that fails. The lines are Zel_Chunk2Sg's.
+__attribute__((cold, noinline)) int32_t ListFailed(const MemoryChunkArray* chunks,
+                                                   ZelSgEntry* table)
+{
+    if (chunks == nullptr || table == nullptr) {
+        LOG_ERROR_OF("Zel_Chunk2Sg", __LINE__, "Invalid arguments!\n");
+        return -EINVAL;
+    }
+    int32_t used = 0;
+    for (const MemoryChunk* chunk = chunks->chunk; used >= 0; chunk++) {
+        used = Zel_SetSgEntry(table, used, chunk->addr, chunk->len);
+    }
+    LOG_ERROR_OF("Zel_Chunk2Sg", __LINE__, "Zel_SetSgEntry failed(%d)!\n", used);
+    return used;
+}
+
+}  // namespace
+
 // An empty list sets the end mark in front of the table, where there is room.
 int32_t Zel_Chunk2Sg(const MemoryChunkArray* chunks, ZelSgEntry* table)
 {
     if (chunks == nullptr || table == nullptr) {
-        LOG_ERROR("Invalid arguments!\n");
-        return -EINVAL;
+        return ListFailed(chunks, table);
     }
-    const auto count = static_cast<int32_t>(chunks->count);
-    int32_t used = 0;
-    for (int32_t i = 0; i < count; i++) {
-        used = Zel_SetSgEntry(table, used, chunks->chunk[i].addr, chunks->chunk[i].len);
-        if (used < 0) {
-            LOG_ERROR("Zel_SetSgEntry failed(%d)!\n", used);
-            return used;
-        }
+    ZelSgEntry* const end = SgFill(table, chunks->chunk, static_cast<int32_t>(chunks->count));
+    if (end == nullptr) {
+        return ListFailed(chunks, table);
     }
-    SgMarkEnd(table, used);
-    return used * static_cast<int32_t>(sizeof(ZelSgEntry));
+    return static_cast<int32_t>(end - table) * static_cast<int32_t>(sizeof(ZelSgEntry));
 }

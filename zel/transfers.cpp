@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
 // Moving data: plain reads and writes of the block node, and the five direct
-// requests, which share a policy of retries and differ in their words.
+// requests, which share a policy of retries and differ in their request.
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -13,47 +13,122 @@
 #include "common/transfer_records.h"
 #include "zel/zel.h"
 
-#define LOG_TAG "zel"
+#define LOG_TAG Zel
 #include "common/log.h"
 
 namespace {
 
 constexpr int kErrorTries = 3;  // the third failure other than busy ends it
 
-// The failures of one call.
-struct Tries {
-    RetryCounter busy = {ZEL_BUSY_TRIES};
-    RetryCounter errors = {kErrorTries};
-    int error = 0;  // errno after the last one
+// A direct request, and what it says when it does not succeed at once. Arrays, so that
+// there is no address to fill in when the library is loaded.
+struct Request {
+    uint32_t number;  // what is sent again after a failure other than busy
+    char busy[52];
+    char retry[40];
+    char failure[68];
 };
 
-enum class Verdict { Done, Busy, Retry, GiveUp };
+constexpr Request kRead = {
+    ZEL_DIRECT_READ,
+    "Retry ZEL_DIRECT_READ (device Busy) : retry=%d!\n",
+    "Retry ZEL_DIRECT_READ : retry=%d!\n",
+    "ioctl(ZEL_DIRECT_READ) is failed(retry=%d err_retry=%d) : %s\n",
+};
 
-// Send a request until the driver has finished it or fails. A positive answer
-// means that it has not finished: it is sent again, without end and uncounted.
-// Completion is waited for only where the request was accepted. What decides is
-// the errno left after that, whatever set it.
-Verdict Try(const ZelDevice* dev, uint32_t request, const void* record, Tries* tries)
+constexpr Request kWrite = {
+    ZEL_DIRECT_WRITE,
+    "Retry ZEL_DIRECT_WRITE (device Busy) : retry=%d!\n",
+    "Retry ZEL_DIRECT_WRITE : retry=%d!\n",
+    "ioctl(ZEL_DIRECT_SEQ_WRITE) is failed(retry=%d err_retry=%d) : %s\n",
+};
+
+constexpr Request kCommand = {
+    ZEL_SDCMD_WRITE,
+    "Retry ZEL_SDCMD_WRITE (device Busy) : retry=%d!\n",
+    "Retry ZEL_SDCMD_WRITE : retry=%d!\n",
+    "ioctl(ZEL_SDCMD_WRITE) is failed(retry=%d err_retry=%d) : %s\n",
+};
+
+// Send a request and wait for its end, which is waited for only where the driver accepted
+// it. 0: done. Positive: not finished, to be sent again. Negative: failed, and errno,
+// whatever set it, decides what follows.
+__attribute__((always_inline)) inline int Send(const ZelDevice* dev, uint32_t number,
+                                               const void* record)
 {
-    for (;;) {
-        const int answer = ioctl(dev->chr_fd, request, record);
-        if (answer < 0 || Zel_PollWait(dev->chr_fd) < 0) {
-            break;
-        }
-        if (answer == 0) {
-            return Verdict::Done;
-        }
+    const int answer = ioctl(dev->chr_fd, number, record);
+    if (answer < 0) {
+        return answer;
     }
-    tries->error = errno;
-    if (tries->error == EBUSY) {
-        return tries->busy.MayRetry() ? Verdict::Busy : Verdict::GiveUp;
-    }
-    return tries->errors.MayRetry() ? Verdict::Retry : Verdict::GiveUp;
+    const int completion = Zel_WaitDone(dev->chr_fd);
+    return answer | completion;  // negative where one of them is
 }
 
-void Reset(const ZelDevice* dev)
+// What Send says of a request that is not finished; begins one, too.
+constexpr int kToSend = 1;
+
+// The failures of one call.
+struct Tries {
+    RetryCounter<ZEL_BUSY_TRIES> busy;
+    RetryCounter<kErrorTries> errors;
+};
+
+enum class Verdict { Busy, Retry, GiveUp };
+
+// The tests see each of the texts printed.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+// What follows a failed try, after the pause that a busy driver is given. The lines
+// are the caller's.
+Verdict Judge(ZelDevice* dev, const Request& request, Tries* tries, const char* caller,
+              unsigned line)
 {
-    ioctl(dev->chr_fd, ZEL_RESET, nullptr);
+    const int error = errno;
+    if (error == EBUSY && tries->busy.MayRetry()) {
+        LOG_WARNING_OF(caller, line, request.busy, tries->busy.count);
+        Zel_Pause();
+        return Verdict::Busy;
+    }
+    if (error != EBUSY && tries->errors.MayRetry()) {
+        LOG_WARNING_OF(caller, line, request.retry, tries->errors.count);
+        return Verdict::Retry;
+    }
+    LOG_ERROR_OF(caller, line, request.failure, tries->busy.count, tries->errors.count,
+                 strerror(error));
+    Latch(&dev->io_error);
+    return Verdict::GiveUp;
+}
+
+#pragma GCC diagnostic pop
+
+// What follows a first try that did not end the matter, with what Send said of it: the
+// request goes out until the driver has finished it, without end and uncounted, or has
+// failed too often. The lines are the caller's.
+__attribute__((cold, noinline)) bool Insist(ZelDevice* dev, const Request& request, uint32_t number,
+                                            const void* record, int said,
+                                            uint32_t* retried = nullptr,
+                                            const char* caller = __builtin_FUNCTION(),
+                                            unsigned line = __builtin_LINE())
+{
+    Tries tries;
+    while (said != 0) {
+        if (said < 0) {
+            const Verdict verdict = Judge(dev, request, &tries, caller, line);
+            if (verdict == Verdict::GiveUp) {
+                return false;
+            }
+            if (verdict == Verdict::Retry) {
+                if (retried != nullptr) {
+                    *retried = 1;
+                }
+                number = request.number;
+            }
+            ioctl(dev->chr_fd, ZEL_RESET, nullptr);
+        }
+        said = Send(dev, number, record);
+    }
+    return true;
 }
 
 }  // namespace
@@ -62,20 +137,14 @@ int32_t Zel_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t first
                  uint32_t /*word*/)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return -ENODEV;
     }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
-        return -ENODEV;
-    }
-    Zel_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
+    if (Zel_HasGone(dev)) {
         return -EIO;
     }
     if (lseek64(dev->blk_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
-        LOG_ERROR("lseek failed : %s\n", strerror(errno));
+        LOG_ERROR("lseek failed : %s\n", carddev_errno_text());
         return -EINVAL;
     }
     return static_cast<int32_t>(read(dev->blk_fd, buffer, SectorsToBytes(sectors)));
@@ -85,23 +154,14 @@ int32_t Zel_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_
                   uint32_t /*word*/)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Zel_HasBlockNode(dev)) {
         return -ENODEV;
     }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
-        return -ENODEV;
-    }
-    if (IsLatched(&dev->io_error)) {
-        return -EIO;
-    }
-    Zel_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
+    if (IsLatched(&dev->io_error) || Zel_HasGone(dev)) {
         return -EIO;
     }
     if (lseek64(dev->blk_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
-        LOG_ERROR("lseek failed : %s\n", strerror(errno));
+        LOG_ERROR("lseek failed : %s\n", carddev_errno_text());
         return -EINVAL;
     }
     return static_cast<int32_t>(write(dev->blk_fd, buffer, SectorsToBytes(sectors)));
@@ -111,13 +171,17 @@ int32_t Zel_DrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t length,
                      MemoryChunkArray* chunks)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    Zel_CheckEject(dev);
     if (dev == nullptr) {
+        Zel_CheckEject(dev);
         return -ENODEV;
     }
-    if (IsLatched(&dev->ejected)) {
+    if (Zel_HasGone(dev)) {
         return -EIO;
     }
+    direct_parm parm;
+    parm.sector = first_sector;
+    parm.sectors = length >> 9;
+    parm.sg_table = Address32(dev->sg_table);
     pthread_mutex_lock(&dev->lock);
     const int32_t sg_bytes = Zel_Chunk2Sg(chunks, dev->sg_table);
     if (sg_bytes < 0) {
@@ -125,29 +189,11 @@ int32_t Zel_DrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t length,
         pthread_mutex_unlock(&dev->lock);
         return -EINVAL;
     }
-    const direct_parm parm = {first_sector, length >> 9, Address32(dev->sg_table),
-                              static_cast<uint32_t>(sg_bytes)};
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, ZEL_DIRECT_READ, &parm, &tries);
-        if (verdict == Verdict::Done) {
-            pthread_mutex_unlock(&dev->lock);
-            return static_cast<int32_t>(length);
-        }
-        if (verdict == Verdict::Busy) {
-            LOG_WARNING("Retry ZEL_DIRECT_READ (device Busy) : retry=%d!\n", tries.busy.count);
-            Zel_Pause();
-        } else if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry ZEL_DIRECT_READ : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(ZEL_DIRECT_READ) is failed(retry=%d err_retry=%d) : %s\n",
-                      tries.busy.count, tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    parm.sg_bytes = static_cast<uint32_t>(sg_bytes);
+    const int said = Send(dev, ZEL_DIRECT_READ, &parm);
+    const bool done = said == 0 || Insist(dev, kRead, ZEL_DIRECT_READ, &parm, said);
+    pthread_mutex_unlock(&dev->lock);
+    return done ? static_cast<int32_t>(length) : -EIO;
 }
 
 // `flag` 0 begins with the sequential write. After a failure other than busy the
@@ -159,17 +205,16 @@ int32_t Zel_DrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
         return -EINVAL;
     }
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Zel_IsOpened(dev)) {
         return -ENODEV;
     }
-    if (IsLatched(&dev->io_error)) {
+    if (IsLatched(&dev->io_error) || Zel_HasGone(dev)) {
         return -EIO;
     }
-    Zel_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
-        return -EIO;
-    }
+    direct_parm parm;
+    parm.sector = first_sector;
+    parm.sectors = length >> 9;
+    parm.sg_table = Address32(dev->sg_table);
     pthread_mutex_lock(&dev->lock);
     const int32_t sg_bytes = Zel_Chunk2Sg(chunks, dev->sg_table);
     if (sg_bytes < 0) {
@@ -178,32 +223,12 @@ int32_t Zel_DrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
         return -EINVAL;
     }
     *retried = 0;
-    const direct_parm parm = {first_sector, length >> 9, Address32(dev->sg_table),
-                              static_cast<uint32_t>(sg_bytes)};
-    uint32_t request = flag == 0 ? ZEL_DIRECT_SEQ_WRITE : ZEL_DIRECT_WRITE;
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, request, &parm, &tries);
-        if (verdict == Verdict::Done) {
-            pthread_mutex_unlock(&dev->lock);
-            return static_cast<int32_t>(length);
-        }
-        if (verdict == Verdict::Busy) {
-            LOG_WARNING("Retry ZEL_DIRECT_WRITE (device Busy) : retry=%d!\n", tries.busy.count);
-            Zel_Pause();
-        } else if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry ZEL_DIRECT_WRITE : retry=%d!\n", tries.errors.count);
-            *retried = 1;
-            request = ZEL_DIRECT_WRITE;
-        } else {
-            LOG_ERROR("ioctl(ZEL_DIRECT_SEQ_WRITE) is failed(retry=%d err_retry=%d) : %s\n",
-                      tries.busy.count, tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    parm.sg_bytes = static_cast<uint32_t>(sg_bytes);
+    const uint32_t number = flag == 0 ? ZEL_DIRECT_SEQ_WRITE : ZEL_DIRECT_WRITE;
+    const int said = Send(dev, number, &parm);
+    const bool done = said == 0 || Insist(dev, kWrite, number, &parm, said, retried);
+    pthread_mutex_unlock(&dev->lock);
+    return done ? static_cast<int32_t>(length) : -EIO;
 }
 
 namespace {
@@ -230,6 +255,75 @@ void Describe(const BlockListEntry* element, const ZelSgEntry* table, fsmiw_parm
     parm->sg_len = table[0].len.Stored();
 }
 
+// What tells DrctRMW and FatWrite apart behind their checks.
+struct ElementRequest {
+    Request request;
+    char panic[36];
+    bool marks_end;  // of each element's entries
+};
+
+constexpr ElementRequest kRmw = {
+    {ZEL_DIRECT_RMW, "Retry ZEL_DIRECT_RMW (device Busy) : retry=%d!\n",
+     "Retry ZEL_DIRECT_RMW : retry=%d!\n",
+     "ioctl(ZEL_DIRECT_RMW) is failed(retry=%d err_retry=%d) : %s\n"},
+    "DrctRMW List panic(%d/%d)!\n",
+    false,
+};
+
+constexpr ElementRequest kFat = {
+    {ZEL_FSMI_WRITE, "Retry ZEL_FSMI_WRITE (device Busy) : retry=%d!\n",
+     "Retry ZEL_FSMI_WRITE : retry=%d!\n",
+     "ioctl(ZEL_FSMI_WRITE) is failed(retry=%d err_retry=%d) : %s\n"},
+    "FSMI List panic(%d/%d)!\n",
+    true,
+};
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+// The lines are the caller's. A chain that ends early is printed and sent all the same,
+// with the elements beyond as the allocator left them.
+int32_t WriteElements(ZelDevice* dev, const BlockList* list, const ElementRequest& kind,
+                      const char* caller = __builtin_FUNCTION(), unsigned line = __builtin_LINE())
+{
+    fsmiw_parm* parms = AllocateParms(list->count);
+    if (parms == nullptr) {
+        LOG_ERROR_OF(caller, line, "fsmiw_parm malloc failed!");
+        return -ENOMEM;
+    }
+    const fsmiw_req req = {static_cast<uint32_t>(list->count), 0, Address32(parms)};
+    pthread_mutex_lock(&dev->lock);
+    int32_t result = 0;
+    const BlockListEntry* element = list->first;
+    int32_t done = 0;
+    for (; done < list->count && element != nullptr; done++, element = element->next) {
+        const int32_t used =
+            Zel_SetSgEntry(dev->sg_table, 0, element->buf, SectorsToBytes(element->sectors));
+        if (used < 0) {
+            LOG_ERROR_OF(caller, line, "Zel_SetSgEntry failed(%d)!\n", used);
+            result = used;
+            break;
+        }
+        if (kind.marks_end) {
+            SgMarkEnd(dev->sg_table + used);
+        }
+        Describe(element, dev->sg_table, &parms[done]);
+    }
+    if (result == 0) {
+        if (done < list->count) {
+            LOG_ERROR_OF(caller, line, kind.panic, done, list->count);
+        }
+        const bool sent =
+            Insist(dev, kind.request, kind.request.number, &req, kToSend, nullptr, caller, line);
+        result = sent ? 0 : -EIO;
+    }
+    free(parms);
+    pthread_mutex_unlock(&dev->lock);
+    return result;
+}
+
+#pragma GCC diagnostic pop
+
 }  // namespace
 
 // The one write that a failed request before it does not bar.
@@ -239,59 +333,14 @@ int32_t Zel_DrctRMW(DrvInfo* handle, BlockList* list)
         return -EINVAL;
     }
     ZelDevice* dev = ZelDeviceOf(handle);
-    Zel_CheckEject(dev);
     if (dev == nullptr) {
+        Zel_CheckEject(dev);
         return -ENODEV;
     }
-    if (IsLatched(&dev->ejected)) {
+    if (Zel_HasGone(dev)) {
         return -EIO;
     }
-    fsmiw_parm* parms = AllocateParms(list->count);
-    if (parms == nullptr) {
-        LOG_ERROR("fsmiw_parm malloc failed!");
-        return -ENOMEM;
-    }
-    const fsmiw_req req = {static_cast<uint32_t>(list->count), 0, Address32(parms)};
-    pthread_mutex_lock(&dev->lock);
-    const BlockListEntry* element = list->first;
-    int32_t done = 0;
-    for (; done < list->count && element != nullptr; done++, element = element->next) {
-        const int32_t used =
-            Zel_SetSgEntry(dev->sg_table, 0, element->buf, SectorsToBytes(element->sectors));
-        if (used < 0) {
-            LOG_ERROR("Zel_SetSgEntry failed(%d)!\n", used);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return used;
-        }
-        Describe(element, dev->sg_table, &parms[done]);
-    }
-    if (done < list->count) {
-        LOG_ERROR("DrctRMW List panic(%d/%d)!\n", done, list->count);
-    }
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, ZEL_DIRECT_RMW, &req, &tries);
-        if (verdict == Verdict::Done) {
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return 0;
-        }
-        if (verdict == Verdict::Busy) {
-            LOG_WARNING("Retry ZEL_DIRECT_RMW (device Busy) : retry=%d!\n", tries.busy.count);
-            Zel_Pause();
-        } else if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry ZEL_DIRECT_RMW : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(ZEL_DIRECT_RMW) is failed(retry=%d err_retry=%d) : %s\n",
-                      tries.busy.count, tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    return WriteElements(dev, list, kRmw);
 }
 
 int32_t Zel_FatWrite(DrvInfo* handle, BlockList* list)
@@ -300,79 +349,23 @@ int32_t Zel_FatWrite(DrvInfo* handle, BlockList* list)
         return -EINVAL;
     }
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Zel_IsOpened(dev)) {
         return -ENODEV;
     }
-    if (IsLatched(&dev->io_error)) {
+    if (IsLatched(&dev->io_error) || Zel_HasGone(dev)) {
         return -EIO;
     }
-    Zel_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
-        return -EIO;
-    }
-    fsmiw_parm* parms = AllocateParms(list->count);
-    if (parms == nullptr) {
-        LOG_ERROR("fsmiw_parm malloc failed!");
-        return -ENOMEM;
-    }
-    const fsmiw_req req = {static_cast<uint32_t>(list->count), 0, Address32(parms)};
-    pthread_mutex_lock(&dev->lock);
-    const BlockListEntry* element = list->first;
-    int32_t done = 0;
-    for (; done < list->count && element != nullptr; done++, element = element->next) {
-        const int32_t used =
-            Zel_SetSgEntry(dev->sg_table, 0, element->buf, SectorsToBytes(element->sectors));
-        if (used < 0) {
-            LOG_ERROR("Zel_SetSgEntry failed(%d)!\n", used);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return used;
-        }
-        SgMarkEnd(dev->sg_table, used);
-        Describe(element, dev->sg_table, &parms[done]);
-    }
-    if (done < list->count) {
-        LOG_ERROR("FSMI List panic(%d/%d)!\n", done, list->count);
-    }
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, ZEL_FSMI_WRITE, &req, &tries);
-        if (verdict == Verdict::Done) {
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return 0;
-        }
-        if (verdict == Verdict::Busy) {
-            LOG_WARNING("Retry ZEL_FSMI_WRITE (device Busy) : retry=%d!\n", tries.busy.count);
-            Zel_Pause();
-        } else if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry ZEL_FSMI_WRITE : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(ZEL_FSMI_WRITE) is failed(retry=%d err_retry=%d) : %s\n",
-                      tries.busy.count, tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            free(parms);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    return WriteElements(dev, list, kFat);
 }
 
 int32_t Zel_SdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t cmd_arg,
                        uint8_t cmd_byte0, uint8_t cmd_byte1)
 {
     ZelDevice* dev = ZelDeviceOf(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
+    if (!Zel_IsOpened(dev)) {
         return -ENODEV;
     }
-    if (IsLatched(&dev->io_error)) {
-        return -EIO;
-    }
-    Zel_CheckEject(dev);
-    if (IsLatched(&dev->ejected)) {
+    if (IsLatched(&dev->io_error) || Zel_HasGone(dev)) {
         return -EIO;
     }
     pthread_mutex_lock(&dev->lock);
@@ -383,32 +376,14 @@ int32_t Zel_SdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, ui
         pthread_mutex_unlock(&dev->lock);
         return used;
     }
-    SgMarkEnd(dev->sg_table, used);
+    SgMarkEnd(dev->sg_table + used);
     sdcmd_request request;
     request.parm.cmd_byte0 = cmd_byte0;
     request.parm.cmd_byte1 = cmd_byte1;
     request.parm.data = Address32(&request.data);
     request.data = {cmd_arg, sectors, Address32(dev->sg_table),
                     static_cast<uint32_t>(used * static_cast<int>(sizeof(ZelSgEntry)))};
-    Tries tries;
-    for (;;) {
-        const Verdict verdict = Try(dev, ZEL_SDCMD_WRITE, &request, &tries);
-        if (verdict == Verdict::Done) {
-            pthread_mutex_unlock(&dev->lock);
-            return 0;
-        }
-        if (verdict == Verdict::Busy) {
-            LOG_WARNING("Retry ZEL_SDCMD_WRITE (device Busy) : retry=%d!\n", tries.busy.count);
-            Zel_Pause();
-        } else if (verdict == Verdict::Retry) {
-            LOG_WARNING("Retry ZEL_SDCMD_WRITE : retry=%d!\n", tries.errors.count);
-        } else {
-            LOG_ERROR("ioctl(ZEL_SDCMD_WRITE) is failed(retry=%d err_retry=%d) : %s\n",
-                      tries.busy.count, tries.errors.count, strerror(tries.error));
-            Latch(&dev->io_error);
-            pthread_mutex_unlock(&dev->lock);
-            return -EIO;
-        }
-        Reset(dev);
-    }
+    const bool done = Insist(dev, kCommand, kCommand.number, &request, kToSend);
+    pthread_mutex_unlock(&dev->lock);
+    return done ? 0 : -EIO;
 }

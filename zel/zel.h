@@ -9,6 +9,8 @@
 
 #include "carddev.h"
 #include "carddev_state.h"
+#include "common/completion.h"
+#include "common/latch.h"
 #include "common/request.h"
 #include "common/sg_table.h"
 
@@ -124,6 +126,8 @@ inline ZelDevice* ZelDeviceOf(const DrvInfo* handle)
 
 typedef SgEntry ZelSgEntry;
 
+#pragma GCC visibility push(hidden)
+
 extern "C" {
 
 // lifecycle.cpp
@@ -133,10 +137,18 @@ int32_t Zel_CardInit(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback ejec
 int32_t Zel_SetSdParams(DrvInfo* handle);
 void Zel_PollClear(int fd);
 
+// checks.cpp: false after a line of the caller's that says why.
+bool Zel_ReportNotOpened(const char* caller, unsigned line) __attribute__((cold));
+bool Zel_HasBlockNode(const ZelDevice* dev, const char* caller = __builtin_FUNCTION(),
+                      unsigned line = __builtin_LINE());
+bool Zel_HasControlNode(const ZelDevice* dev, const char* caller = __builtin_FUNCTION(),
+                        unsigned line = __builtin_LINE());
+
 // events.cpp
 void Zel_Pause(void);  // give a busy driver time
 void Zel_CheckEject(ZelDevice* dev);
 void __Zel_CheckEject(ZelDevice* dev);
+int Zel_PollFailed(Completion completion) __attribute__((cold));
 int Zel_PollWait(int fd);
 
 // sg_table.cpp
@@ -178,5 +190,31 @@ void Zel_LockRTOn(DrvInfo* handle);
 void Zel_UnlockRTOn(DrvInfo* handle);
 
 }  // extern "C"
+
+// Whether there is a record; a line of the caller's where there is none.
+__attribute__((always_inline)) inline bool Zel_IsOpened(const ZelDevice* dev,
+                                                        const char* caller = __builtin_FUNCTION(),
+                                                        unsigned line = __builtin_LINE())
+{
+    return dev != nullptr || Zel_ReportNotOpened(caller, line);
+}
+
+// Whether the card has gone. Without a callback nobody asked for that to be looked at.
+__attribute__((always_inline)) inline bool Zel_HasGone(ZelDevice* dev)
+{
+    if (dev->eject_cb != nullptr) {
+        __Zel_CheckEject(dev);
+    }
+    return IsLatched(&dev->ejected);
+}
+
+// Zel_PollWait, within its caller.
+__attribute__((always_inline)) inline int Zel_WaitDone(int fd)
+{
+    const Completion completion = WaitForCompletion(fd);
+    return completion == Completion::Done ? 0 : Zel_PollFailed(completion);
+}
+
+#pragma GCC visibility pop
 
 #endif
