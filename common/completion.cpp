@@ -7,31 +7,31 @@ constexpr int kPendingMs = 1;
 
 }  // namespace
 
-Completion CompletionFailure(int ready, const struct pollfd* node)
+Failure Wait::WhyNot() const
 {
-    const int events = node->revents;
+    const int events = node.revents;
     if (ready < 0) {
-        return Completion::PollFailed;
+        return Failure::PollFailed;
     }
     if (ready == 0) {
-        return Completion::TimedOut;
+        return Failure::TimedOut;
     }
     if (events == 0) {
-        return Completion::NoEvent;
+        return Failure::NoEvent;
     }
     if ((events & POLLHUP) != 0) {
-        return Completion::HangUp;
+        return Failure::HangUp;
     }
     if ((events & POLLERR) != 0) {
-        return Completion::Error;
+        return Failure::Error;
     }
     if ((events & POLLNVAL) != 0) {
-        return Completion::InvalidDescriptor;
+        return Failure::InvalidDescriptor;
     }
     if ((events & POLLIN) != 0) {
-        return Completion::Input;
+        return Failure::Input;
     }
-    return Completion::OtherEvent;
+    return Failure::OtherEvent;
 }
 
 void DiscardPendingEvent(int fd)

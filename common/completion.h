@@ -7,9 +7,8 @@
 
 #include <poll.h>
 
-// What a wait came to. The caller has a message for each but the first.
-enum class Completion {
-    Done,        // POLLOUT alone
+// Why a wait was in vain. The caller has a message for each.
+enum class Failure {
     PollFailed,  // errno tells why
     TimedOut,    // errno is whatever an earlier call left
     NoEvent,     // poll said ready and named no event
@@ -26,16 +25,22 @@ constexpr int COMPLETION_MS = 4000;
 
 #pragma GCC visibility push(hidden)
 
-// What poll's answer means, where it is not Done.
-Completion CompletionFailure(int ready, const struct pollfd* node) __attribute__((cold));
+// What poll answered.
+struct Wait {
+    int ready;
+    struct pollfd node;
+
+    bool IsDone() const { return ready > 0 && node.revents == POLLOUT; }
+    Failure WhyNot() const __attribute__((cold));  // where it is not done
+};
 
 // Wait for a driver's signal on `fd`, at most 4,000 ms. Leaves errno as poll does.
-__attribute__((always_inline)) inline Completion WaitForCompletion(int fd)
+__attribute__((always_inline)) inline Wait WaitForCompletion(int fd)
 {
-    struct pollfd node = {fd, COMPLETION_EVENTS, 0};
-    const int ready = poll(&node, 1, COMPLETION_MS);
-    return ready > 0 && node.revents == POLLOUT ? Completion::Done
-                                                : CompletionFailure(ready, &node);
+    Wait wait;
+    wait.node = {fd, COMPLETION_EVENTS, 0};
+    wait.ready = poll(&wait.node, 1, COMPLETION_MS);
+    return wait;
 }
 
 // Take away a signal that is pending from before; waits 1 ms for one.

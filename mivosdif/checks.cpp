@@ -6,10 +6,9 @@
 #define LOG_TAG Mivosdif
 #include "common/log.h"
 
-bool Mivo_ReportNotOpened(const char* caller, unsigned line)
+void Mivo_ReportNotOpened(const char* caller, unsigned line)
 {
     LOG_ERROR_OF(caller, line, "Cannot get driver info!\n");
-    return false;
 }
 
 bool Mivo_HasNode(const MivoDevice* dev, const char* caller, unsigned line)

@@ -60,34 +60,32 @@ void __Mivo_CheckEject(MivoDevice* dev)
 }
 
 // Its lines are Mivo_PollWait's, which most often ends without one.
-int Mivo_PollFailed(Completion completion)
+int Mivo_PollFailed(Failure failure)
 {
     const char* const caller = "Mivo_PollWait";
-    switch (completion) {
-        case Completion::Done:
-            return 0;
-        case Completion::PollFailed:
+    switch (failure) {
+        case Failure::PollFailed:
             LOG_ERROR_OF(caller, __LINE__, "poll error : %s\n", carddev_errno_text());
             break;
-        case Completion::TimedOut:
+        case Failure::TimedOut:
             LOG_ERROR_OF(caller, __LINE__, "poll timeout: %s\n", carddev_errno_text());
             break;
-        case Completion::NoEvent:
+        case Failure::NoEvent:
             LOG_ERROR_OF(caller, __LINE__, "Unknown poll events: 0x%08x\n", 0u);
             return -EINVAL;
-        case Completion::HangUp:
+        case Failure::HangUp:
             LOG_ERROR_OF(caller, __LINE__, "poll returns POLLHUP\n");
             break;
-        case Completion::Error:
+        case Failure::Error:
             LOG_ERROR_OF(caller, __LINE__, "poll returns POLLERR\n");
             break;
-        case Completion::InvalidDescriptor:
+        case Failure::InvalidDescriptor:
             LOG_ERROR_OF(caller, __LINE__, "poll returns POLLNVAL\n");
             break;
-        case Completion::Input:
+        case Failure::Input:
             LOG_ERROR_OF(caller, __LINE__, "poll returns POLLIN\n");
             break;
-        case Completion::OtherEvent:
+        case Failure::OtherEvent:
             LOG_ERROR_OF(caller, __LINE__, "poll returns another event POLL???\n");
             break;
     }

@@ -107,14 +107,14 @@ int32_t Mivo_CardInit(DrvInfo* handle, uint32_t eject_arg, CardEjectCallback eje
 void Mivo_PollClear(int fd);
 
 // checks.cpp: false after a line of the caller's that says why.
-bool Mivo_ReportNotOpened(const char* caller, unsigned line) __attribute__((cold));
+void Mivo_ReportNotOpened(const char* caller, unsigned line) __attribute__((cold));
 bool Mivo_HasNode(const MivoDevice* dev, const char* caller = __builtin_FUNCTION(),
                   unsigned line = __builtin_LINE());
 
 // events.cpp
 void Mivo_CheckEject(MivoDevice* dev);
 void __Mivo_CheckEject(MivoDevice* dev);
-int Mivo_PollFailed(Completion completion) __attribute__((cold));
+int Mivo_PollFailed(Failure failure) __attribute__((cold));
 int Mivo_PollWait(int fd);
 
 // sg_table.cpp
@@ -155,7 +155,11 @@ __attribute__((always_inline)) inline bool Mivo_IsOpened(const MivoDevice* dev,
                                                          const char* caller = __builtin_FUNCTION(),
                                                          unsigned line = __builtin_LINE())
 {
-    return dev != nullptr || Mivo_ReportNotOpened(caller, line);
+    if (dev == nullptr) {
+        Mivo_ReportNotOpened(caller, line);
+        return false;
+    }
+    return true;
 }
 
 // Whether the card has gone. Without a callback nobody asked for that to be looked at.
@@ -170,8 +174,8 @@ __attribute__((always_inline)) inline bool Mivo_HasGone(MivoDevice* dev)
 // Mivo_PollWait, within its caller.
 __attribute__((always_inline)) inline int Mivo_WaitDone(int fd)
 {
-    const Completion completion = WaitForCompletion(fd);
-    return completion == Completion::Done ? 0 : Mivo_PollFailed(completion);
+    const Wait wait = WaitForCompletion(fd);
+    return wait.IsDone() ? 0 : Mivo_PollFailed(wait.WhyNot());
 }
 
 #pragma GCC visibility pop

@@ -6,10 +6,9 @@
 #define LOG_TAG Zel
 #include "common/log.h"
 
-bool Zel_ReportNotOpened(const char* caller, unsigned line)
+void Zel_ReportNotOpened(const char* caller, unsigned line)
 {
     LOG_ERROR_OF(caller, line, "Cannot get driver info!\n");
-    return false;
 }
 
 bool Zel_HasBlockNode(const ZelDevice* dev, const char* caller, unsigned line)

@@ -138,7 +138,7 @@ int32_t Zel_SetSdParams(DrvInfo* handle);
 void Zel_PollClear(int fd);
 
 // checks.cpp: false after a line of the caller's that says why.
-bool Zel_ReportNotOpened(const char* caller, unsigned line) __attribute__((cold));
+void Zel_ReportNotOpened(const char* caller, unsigned line) __attribute__((cold));
 bool Zel_HasBlockNode(const ZelDevice* dev, const char* caller = __builtin_FUNCTION(),
                       unsigned line = __builtin_LINE());
 bool Zel_HasControlNode(const ZelDevice* dev, const char* caller = __builtin_FUNCTION(),
@@ -148,7 +148,7 @@ bool Zel_HasControlNode(const ZelDevice* dev, const char* caller = __builtin_FUN
 void Zel_Pause(void);  // give a busy driver time
 void Zel_CheckEject(ZelDevice* dev);
 void __Zel_CheckEject(ZelDevice* dev);
-int Zel_PollFailed(Completion completion) __attribute__((cold));
+int Zel_PollFailed(Failure failure) __attribute__((cold));
 int Zel_PollWait(int fd);
 
 // sg_table.cpp
@@ -196,7 +196,11 @@ __attribute__((always_inline)) inline bool Zel_IsOpened(const ZelDevice* dev,
                                                         const char* caller = __builtin_FUNCTION(),
                                                         unsigned line = __builtin_LINE())
 {
-    return dev != nullptr || Zel_ReportNotOpened(caller, line);
+    if (dev == nullptr) {
+        Zel_ReportNotOpened(caller, line);
+        return false;
+    }
+    return true;
 }
 
 // Whether the card has gone. Without a callback nobody asked for that to be looked at.
@@ -211,8 +215,8 @@ __attribute__((always_inline)) inline bool Zel_HasGone(ZelDevice* dev)
 // Zel_PollWait, within its caller.
 __attribute__((always_inline)) inline int Zel_WaitDone(int fd)
 {
-    const Completion completion = WaitForCompletion(fd);
-    return completion == Completion::Done ? 0 : Zel_PollFailed(completion);
+    const Wait wait = WaitForCompletion(fd);
+    return wait.IsDone() ? 0 : Zel_PollFailed(wait.WhyNot());
 }
 
 #pragma GCC visibility pop
