@@ -137,29 +137,6 @@ TEST_P(Leaving, WithARequestIsNoticedByTheNext)
     EXPECT_EQ(1, ejects);
 }
 
-// A failed request is not taken for an eject until the next look.
-TEST_P(Leaving, WithAFailureEndsTheRetries)
-{
-    BenchFault leave;
-    leave.request = backend.requests.write;
-    leave.error = EIO;
-    leave.reach = true;
-    leave.eject = true;
-    bench->Inject(backend.place, leave);
-    const uint32_t resets = bench->State(backend.place, "resets");
-    std::string printed = Printed([&] { EXPECT_EQ(-5, Write(8, 2)); });
-    EXPECT_EQ(
-        0u, printed.find(Line("DrctWrite", 'W',
-                              std::string("Retry ") + backend.request + "DIRECT_WRITE : retry=1!")))
-        << printed;
-    EXPECT_NE(std::string::npos, printed.find("No such device")) << printed;
-    EXPECT_EQ(0, ejects);
-    EXPECT_EQ(resets + (backend.type == DEV_TYPE_ZEL ? 2 : 1),
-              bench->State(backend.place, "resets"));
-    EXPECT_EQ(-5, Read(8, 2));
-    EXPECT_EQ(1, ejects);
-}
-
 // A Zel slot tells that the card is another one; the adaptor cannot.
 TEST_P(Leaving, AndComingBackIsAnEjectWhereTheDriverTells)
 {

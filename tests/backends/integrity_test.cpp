@@ -143,7 +143,7 @@ TEST_P(Ways, AllSeeTheSameSectors)
 {
     Open();
     EXPECT_EQ("", Printed([&] {
-                  for (int step = 0; step < 400 && !HasFailure(); step++) {
+                  for (int step = 0; step < 250 && !HasFailure(); step++) {
                       SCOPED_TRACE(step);
                       switch (Below(6)) {
                           case 0:

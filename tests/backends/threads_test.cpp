@@ -7,6 +7,8 @@
 
 namespace {
 
+constexpr int kSteps = 30;
+
 // Threads have nothing of gtest's: they count what went wrong.
 struct Worker {
     DrvInfo* device;
@@ -22,7 +24,7 @@ struct Worker {
         std::mt19937 random{seed};
         cardsim::LowBuffer memory{size_t{sectors} * 512};
         Bytes shadow(size_t{sectors} * 512);
-        for (int step = 0; step < 60; step++) {
+        for (int step = 0; step < kSteps; step++) {
             const auto count = static_cast<uint32_t>(1 + random() % sectors);
             const auto offset = static_cast<uint32_t>(random() % (sectors - count + 1));
             uint8_t* const kept = shadow.data() + offset * 512;
@@ -154,7 +156,7 @@ TEST_P(OneUnit, ServesItsThreadsInTurn)
             under_way = call.request != backend.requests.status;
         }
     }
-    EXPECT_EQ(size_t{4} * 60, transfers);
+    EXPECT_EQ(size_t{4} * kSteps, transfers);
 }
 
 // While one thread pauses between its tries, others of the unit wait, those of another
