@@ -237,6 +237,7 @@ protected:
     {
         Exit();
         EXPECT_EQ("", bench->LeftBehind());
+        EXPECT_GE(lost_blocks, bench->LiveBlocks());
     }
 
     void Insert()
@@ -315,6 +316,7 @@ protected:
     DrvInfo handle = HandleFor(backend.node);
     cardsim::LowBuffer memory{size_t{128} * 512 + 8192};
     std::mt19937 random{Seed()};
+    size_t lost_blocks = 0;  // that the library is known not to free
 };
 
 #endif

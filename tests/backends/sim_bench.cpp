@@ -184,11 +184,10 @@ public:
     std::string LeftBehind() override
     {
         const size_t files = kernel_.OpenFiles();
-        const size_t blocks = kernel_.LiveBlocks();
-        return files == 0 && blocks == 0 ? ""
-                                         : std::to_string(files) + " open files, " +
-                                               std::to_string(blocks) + " blocks of memory";
+        return files == 0 ? "" : std::to_string(files) + " open files";
     }
+
+    size_t LiveBlocks() override { return kernel_.LiveBlocks(); }
 
 private:
     struct Field {

@@ -221,6 +221,8 @@ public:
         return open;
     }
 
+    size_t LiveBlocks() override { return 0; }
+
 private:
     // What a run before has left, or this one.
     void TidyUp()

@@ -102,8 +102,10 @@ public:
     // What calls that only wait may take on top, together.
     virtual std::chrono::nanoseconds Slack() = 0;
 
-    // Whether the library has left something open or allocated; "" for nothing.
+    // What the library has left open; "" for nothing.
     virtual std::string LeftBehind() = 0;
+    // Blocks that it has not freed, where they can be counted; else 0.
+    virtual size_t LiveBlocks() = 0;
 };
 
 #endif
