@@ -10,6 +10,7 @@ import json
 import os
 import pathlib
 import pty
+import re
 import select
 import shlex
 import shutil
@@ -111,6 +112,73 @@ class HelpTest(CardtoolTest):
 
     def test_version(self):
         self.assertRegex(self.succeed(self.run_tool("--version")), rb"^cardtool \d+\.\d+\.\d+\n$")
+
+
+class GeneratedTest(CardtoolTest):
+    """The manual page and the completions come from the parser's own table."""
+
+    def generated(self, kind):
+        return self.succeed(self.run_tool("--generate", kind)).decode()
+
+    def commands(self):
+        """Names of commands, and of each one's options, as --help shows them."""
+        text = self.succeed(self.run_tool("--help")).decode()
+        listed = text.split("Subcommands:")[1].split("Examples:")[0]
+        names = re.findall(r"(?m)^  ([a-z][a-z-]+)  ", listed)
+        self.assertGreater(len(names), 6)
+        found = {}
+        for name in names:
+            own = self.succeed(self.run_tool(name, "--help")).decode().split("Examples:")[0]
+            found[name] = set(re.findall(r"(?<![\w-])--[a-z][a-z-]*", own)) - {"--help"}
+        return found
+
+    def test_manual_page(self):
+        page = self.file("cardtool.1", self.generated("man").encode())
+        lint = subprocess.run(["mandoc", "-T", "lint", page], capture_output=True, text=True,
+                              check=False)
+        # The other pages need not be installed where this runs.
+        self.assertEqual([line for line in lint.stdout.splitlines()
+                          if "referenced manual not found" not in line], [])
+        shown = subprocess.run(["mandoc", "-T", "ascii", page], capture_output=True, text=True,
+                               check=True).stdout
+        shown = re.sub(".\b", "", shown)  # bold is a letter struck twice
+        for name, options in self.commands().items():
+            self.assertRegex(shown, rf"(?m)^ +{name}( |$)")
+            for option in options:
+                self.assertIn(option, shown)
+
+    def complete(self, script, *words):
+        """What bash would offer for the last word."""
+        line = (f"source {shlex.quote(script)}; COMP_WORDS=(cardtool {shlex.join(words)}); "
+                'COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _cardtool; printf "%s\\n" "${COMPREPLY[@]}"')
+        got = subprocess.run(["bash", "-c", line], capture_output=True, text=True, check=True)
+        self.assertEqual(got.stderr, "")
+        return set(got.stdout.split())
+
+    def test_bash(self):
+        script = self.file("cardtool.bash", self.generated("bash").encode())
+        commands = self.commands()
+        self.assertLessEqual(set(commands), self.complete(script, ""))
+        self.assertEqual(self.complete(script, "form"), {"format-params"})
+        for name, options in commands.items():
+            self.assertLessEqual(options, self.complete(script, name, "-"))
+        self.assertNotIn("--first", self.complete(script, "size", "-"))
+        self.assertEqual(self.complete(script, "read", "--count", ""), set())
+        self.assertEqual(self.complete(script, "read", "-o", self.path("card.i")), {str(self.image)})
+
+    def test_zsh_and_fish(self):
+        for kind in ("zsh", "fish"):
+            script = self.generated(kind)
+            path = self.file(kind, script.encode())
+            if shutil.which(kind):
+                subprocess.run([kind, "-n", path], check=True)
+            for name, options in self.commands().items():
+                self.assertIn(name, script)
+                for option in options:
+                    self.assertIn(f"-l {option[2:]} " if kind == "fish" else f"{option}[", script)
+
+    def test_other_kinds_are_not_known(self):
+        self.fail_with(USAGE, self.run_tool("--generate", "tcsh"))
 
 
 class UsageTest(CardtoolTest):

@@ -6,22 +6,17 @@
 
 namespace {
 
-struct Kind {
-    ExitCode code;
-    const char* meaning;
-};
-
 constexpr Kind kKinds[] = {
-    {ExitCode::Ok, "done"},
-    {ExitCode::Unexpected, "unexpected: no memory, or a fault of the tool's own"},
-    {ExitCode::Usage, "usage: the command line asks for what cannot be"},
-    {ExitCode::NoSuchDevice, "no such device"},
-    {ExitCode::NotACard, "not a card: no device, or one that no back-end serves"},
-    {ExitCode::Removed, "the card was taken out or exchanged"},
-    {ExitCode::ReadOnly, "the card is write-protected"},
-    {ExitCode::PermissionDenied, "permission denied"},
-    {ExitCode::InputOutput, "input/output error on the card or on a file"},
-    {ExitCode::Refused, "a write that was not confirmed with yes"},
+    {ExitCode::Ok, "ok", "done"},
+    {ExitCode::Unexpected, "unexpected", "unexpected: no memory, or a fault of the tool's own"},
+    {ExitCode::Usage, "usage", "usage: the command line asks for what cannot be"},
+    {ExitCode::NoSuchDevice, "no-such-device", "no such device"},
+    {ExitCode::NotACard, "not-a-card", "not a card: no device, or one that no back-end serves"},
+    {ExitCode::Removed, "removed", "the card was taken out or exchanged"},
+    {ExitCode::ReadOnly, "read-only", "the card is write-protected"},
+    {ExitCode::PermissionDenied, "permission-denied", "permission denied"},
+    {ExitCode::InputOutput, "input-output", "input/output error on the card or on a file"},
+    {ExitCode::Refused, "refused", "a write that was not confirmed with yes"},
 };
 
 ExitCode KindOf(int error)
@@ -58,6 +53,21 @@ const char* Advice(ExitCode code)
 }
 
 }  // namespace
+
+std::span<const Kind> Kinds()
+{
+    return kKinds;
+}
+
+std::string NameOf(ExitCode code)
+{
+    for (const Kind& kind : kKinds) {
+        if (kind.code == code) {
+            return kind.name;
+        }
+    }
+    return "unexpected";
+}
 
 std::string ExitCodeText()
 {

@@ -4,6 +4,7 @@
 #ifndef CARDTOOL_FAILURE_H
 #define CARDTOOL_FAILURE_H
 
+#include <span>
 #include <stdexcept>
 #include <string>
 
@@ -21,6 +22,15 @@ enum class ExitCode : int {
     InputOutput = 9,       // a transfer, a query, or a file failed
     Refused = 12,          // the user did not answer yes
 };
+
+struct Kind {
+    ExitCode code;
+    const char* name;     // for --json
+    const char* meaning;  // for people
+};
+
+std::span<const Kind> Kinds();
+std::string NameOf(ExitCode code);
 
 // The list of exit codes for --help.
 std::string ExitCodeText();

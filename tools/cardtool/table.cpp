@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: MIT
+#include "tools/cardtool/table.h"
+
+#include <charconv>
+
+#include "tools/cardtool/failure.h"
+
+namespace {
+
+constexpr char kSeeHelp[] = "cardtool --help shows what can be asked, with examples";
+
+// Digits only: no sign, no octal surprise from a leading zero.
+uint32_t Number(const std::string& option, const std::string& text)
+{
+    uint32_t number = 0;
+    const char* end = text.data() + text.size();
+    const std::from_chars_result parsed = std::from_chars(text.data(), end, number);
+    if (parsed.ec != std::errc() || parsed.ptr != end) {
+        throw Failure(ExitCode::Usage,
+                      option + ": \"" + text + "\" is no number from 0 to 4294967295", kSeeHelp);
+    }
+    return number;
+}
+
+constexpr Option kFirst = {"--first",
+                           "SECTOR",
+                           "card sector to start at, counted from 0 (default: 0)",
+                           false,
+                           nullptr,
+                           [](Arguments& arguments, const std::string& value) {
+                               arguments.first = Number("--first", value);
+                           }};
+
+constexpr Option kCount = {"--count",
+                           "SECTORS",
+                           "how many sectors; all to the card's end if not given",
+                           false,
+                           nullptr,
+                           [](Arguments& arguments, const std::string& value) {
+                               arguments.count = Number("--count", value);
+                               if (*arguments.count == 0) {
+                                   throw Failure(ExitCode::Usage,
+                                                 "--count: there is nothing to read in 0 sectors",
+                                                 kSeeHelp);
+                               }
+                           }};
+
+constexpr Option kDirect = {
+    "--direct", nullptr, "by the driver's direct memory access, in scattered pieces",
+    false,      nullptr, [](Arguments& arguments, const std::string&) { arguments.direct = true; }};
+
+constexpr Option kOutput = {
+    "-o,--output",
+    "FILE",
+    "file to write; - is standard output",
+    true,
+    nullptr,
+    [](Arguments& arguments, const std::string& value) { arguments.file = value; }};
+
+constexpr Option kInput = {
+    "-i,--input",
+    "FILE",
+    "file to read, a whole number of 512-byte sectors; - is standard input",
+    true,
+    nullptr,
+    [](Arguments& arguments, const std::string& value) { arguments.file = value; }};
+
+constexpr Option kYes = {
+    "--yes", nullptr, "do not ask",
+    false,   nullptr, [](Arguments& arguments, const std::string&) { arguments.yes = true; }};
+
+constexpr Option kGlobal[] = {
+    {"--sim", "FILE", "simulate the cards that FILE describes", false, nullptr,
+     [](Arguments& arguments, const std::string& value) { arguments.sim = value; }},
+};
+
+constexpr Option kReadOptions[] = {kFirst, kCount, kDirect, kOutput};
+constexpr Option kWriteOptions[] = {kFirst, kInput, kDirect, kYes};
+
+constexpr Example kDetectExamples[] = {
+    {"cardtool detect /dev/sdcarda", "Which back-end serves the device?"}};
+constexpr Example kInfoExamples[] = {
+    {"cardtool info /dev/sdcarda", "What is this card?"},
+    {"cardtool --sim card.img info /dev/sdcarda", "Try the tool without a card."}};
+constexpr Example kSizeExamples[] = {{"cardtool size /dev/spda", "How large is the card?"}};
+constexpr Example kStatusExamples[] = {{"cardtool status /dev/spda", "Is the card usable?"}};
+constexpr Example kFormatParamsExamples[] = {
+    {"cardtool format-params 15523840", "How is a card of that many sectors to be formatted?"}};
+constexpr Example kReadExamples[] = {
+    {"cardtool read /dev/sdcarda -o card.img", "Copy the whole card into a file."},
+    {"cardtool read /dev/sdcarda --first 0 --count 1 -o - | hexdump -C",
+     "Look at the card's first sector."},
+    {"cardtool read /dev/spda --direct -o card.img",
+     "Copy the card through the driver's direct memory access."}};
+constexpr Example kWriteExamples[] = {{"cardtool write /dev/sdcarda -i boot.bin --first 2048",
+                                       "Put a file's sectors on the card, after a question."}};
+
+const CommandEntry kCommands[] = {
+    {Command::Detect,
+     "detect",
+     "Say which back-end serves the device",
+     Operand::Device,
+     {},
+     kDetectExamples},
+    {Command::Info,
+     "info",
+     "Show the card's registers, decoded",
+     Operand::Device,
+     {},
+     kInfoExamples},
+    {Command::Size, "size", "Show the card's size", Operand::Device, {}, kSizeExamples},
+    {Command::Status,
+     "status",
+     "Show whether the card is usable",
+     Operand::Device,
+     {},
+     kStatusExamples},
+    {Command::FormatParams,
+     "format-params",
+     "Say how a card is to be formatted, by its capacity alone",
+     Operand::Card,
+     {},
+     kFormatParamsExamples},
+    {Command::Read, "read", "Copy sectors of the card into a file", Operand::Device, kReadOptions,
+     kReadExamples},
+    {Command::Write, "write", "Copy a file over sectors of the card, after a question",
+     Operand::Device, kWriteOptions, kWriteExamples},
+};
+
+}  // namespace
+
+const char kOutputText[] =
+    "Results go to standard output, and nothing else does. The library's\n"
+    "diagnostics and the tool's own messages go to standard error.\n";
+
+const char kSimulationText[] =
+    "--sim takes the image of a card, which appears as /dev/sdcarda, or a .json\n"
+    "file that describes cards and the faults they are to show:\n";
+
+const char kSimulationExample[] =
+    R"({"cards": [{"driver": "ricoh-sd", "image": "card.img",
+            "write_protected": true},
+           {"driver": "zel", "unit": 0, "image": "other.img"}],
+ "faults": [{"call": "read", "first": 3, "errno": "EIO"},
+            {"call": "ioctl", "node": "/dev/spdra", "first": 9,
+             "eject": "/dev/spda"}]}
+)";
+
+const char kSimulationNodes[] =
+    "Nodes are /dev/sdcarda for ricoh-sd, /dev/spda to /dev/spdf for zel, and\n"
+    "/dev/mivosdif0 and 1 for mivo.\n"
+    "Images are taken from the .json file's folder. Writes change the image.\n";
+
+std::span<const CommandEntry> Commands()
+{
+    return kCommands;
+}
+
+std::span<const Option> GlobalOptions()
+{
+    return kGlobal;
+}
+
+std::string OperandName(Operand operand)
+{
+    switch (operand) {
+        case Operand::Device:
+            return "DEVICE";
+        case Operand::Card:
+            return "CARD";
+        default:
+            return "";
+    }
+}
+
+std::string OperandHelp(Operand operand)
+{
+    return operand == Operand::Card ? "node of the card, or a number of sectors"
+                                    : "node of the card, such as /dev/sdcarda";
+}
+
+// Digits are a capacity, anything else is a device.
+void TakeOperand(Operand operand, Arguments& arguments, const std::string& value)
+{
+    if (operand == Operand::Card && value.find_first_not_of("0123456789") == std::string::npos) {
+        arguments.capacity = Number("CARD", value);
+    } else {
+        arguments.device = value;
+    }
+}
+
+std::string LongName(const Option& option)
+{
+    const std::string names = option.names;
+    return names.substr(names.find("--"));
+}
+
+std::string ShortName(const Option& option)
+{
+    const std::string names = option.names;
+    return names.substr(0, 2) == "--" ? "" : names.substr(0, 2);
+}
