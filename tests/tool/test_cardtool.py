@@ -18,6 +18,8 @@ import subprocess
 import tempfile
 import unittest
 
+import jsonschema
+
 TOOL = shlex.split(os.environ["CARDTOOL"])
 DEVICE = "/dev/sdcarda"
 SECTOR = 512
@@ -26,6 +28,12 @@ TIMEOUT = 120
 
 OK, UNEXPECTED, USAGE, NO_DEVICE, NOT_A_CARD = 0, 1, 2, 3, 4
 REMOVED, READ_ONLY, PERMISSION, INPUT_OUTPUT, REFUSED = 5, 7, 8, 9, 12
+
+SCHEMA = json.loads(
+    (pathlib.Path(__file__).parents[2] / "docs" / "cardtool.schema.json").read_text())
+NAMES = {UNEXPECTED: "unexpected", USAGE: "usage", NO_DEVICE: "no-such-device",
+         NOT_A_CARD: "not-a-card", REMOVED: "removed", READ_ONLY: "read-only",
+         PERMISSION: "permission-denied", INPUT_OUTPUT: "input-output", REFUSED: "refused"}
 
 BANNER = "Wrapper low-level driver"  # begins the library's line on opening
 
@@ -93,6 +101,202 @@ class CardtoolTest(unittest.TestCase):
 
     def assert_card_unchanged(self):
         self.assertTrue(self.image.read_bytes() == self.content, "the card's sectors changed")
+
+
+def no_repeated_key(pairs):
+    document = dict(pairs)
+    if len(document) != len(pairs):
+        raise ValueError("a key stands twice")
+    return document
+
+
+class JsonTest(CardtoolTest):
+    """One valid document on standard output, whatever happens."""
+
+    CID = "02544d534131364743001af44c0129e9"
+    CSD = "400e00325b590000734f7f800a40001b"
+
+    def document(self, *arguments, code=OK, sim=None, plain=False, **options):
+        run = self.run_tool if plain else self.on_card
+        extra = {} if plain else {"sim": sim}
+        result = run("--json", *arguments, **extra, **options)
+        self.assertEqual(result.returncode, code, result.stderr)
+        text = result.stdout.decode("ascii")
+        self.assertTrue(text.endswith("}\n"))
+        self.assertFalse(set(text) & set(map(chr, range(32))) - {"\n"}, "control characters")
+        document = json.loads(text, object_pairs_hook=no_repeated_key)
+        jsonschema.Draft202012Validator(SCHEMA).validate(document)
+        self.assertEqual(document["ok"], code == OK)
+        if code != OK:
+            self.assertEqual(document["error"]["code"], code)
+            self.assertEqual(document["error"]["name"], NAMES[code])
+            lines = self.fail_with(code, result)
+            self.assertEqual(lines, ["cardtool: " + document["error"]["message"],
+                                     "cardtool: " + document["error"]["hint"]])
+        return document
+
+    def test_the_schema_is_one_and_refuses(self):
+        jsonschema.Draft202012Validator.check_schema(SCHEMA)
+        good = self.document("size", DEVICE)
+        for wrong in ({**good, "more": 1}, {**good, "ok": False}, {**good, "command": "detect"},
+                      {**good, "result": None}, {**good, "result": {"size_sectors": "1000"}}):
+            with self.assertRaises(jsonschema.ValidationError):
+                jsonschema.Draft202012Validator(SCHEMA).validate(wrong)
+
+    def test_queries(self):
+        self.assertEqual(self.document("size", DEVICE)["result"],
+                         {"size_sectors": 1000, "size_bytes": 512000})
+        document = self.document("detect", DEVICE)
+        self.assertEqual(document["result"], {"back_end": "Ricoh SD", "unit": 0})
+        self.assertEqual(document["device"], DEVICE)
+        self.assertTrue(document["simulated"])
+        self.assertEqual(self.document("status", DEVICE)["result"],
+                         {"status": 0x8000, "ready": True, "write_protected": False})
+        protected = self.description({"write_protected": True})
+        self.assertEqual(self.document("write-protect", DEVICE, sim=protected)["result"],
+                         {"write_protected": True})
+        self.assertEqual(self.document("format-params", "15523840", plain=True)["result"],
+                         {"capacity_sectors": 15523840, "capacity_bytes": 15523840 * 512,
+                          "file_system": "FAT32", "partition_start": 8192, "data_start": 16384,
+                          "root_directory_sectors": 32})
+
+    def test_list(self):
+        sim = self.file("all.json", json.dumps({"cards": [
+            {"driver": "ricoh-sd", "image": "card.img"},
+            {"driver": "zel", "unit": 2, "image": "card.img"},
+            {"driver": "mivo", "unit": 1, "image": "card.img"}]}).encode())
+        self.assertEqual(self.document("list", sim=sim)["result"]["nodes"], [
+            {"device": "/dev/sdcarda", "back_end": "Ricoh SD", "unit": 0},
+            {"device": "/dev/spdc", "back_end": "Zel", "unit": 2},
+            {"device": "/dev/mivosdif1", "back_end": "Mivo", "unit": 1}])
+        self.assertEqual(self.succeed(self.on_card("list")), b"/dev/sdcarda: Ricoh SD, unit 0\n")
+
+    def test_info(self):
+        sim = self.description({"cid": self.CID, "csd": self.CSD})
+        result = self.document("info", DEVICE, sim=sim)["result"]
+        self.assertEqual(result["cid"]["crc7"], "valid")
+        self.assertEqual(result["cid"]["fields"]["PNM"],
+                         {"bits": "103:64", "raw": 0x5341313647, "value": "SA16G", "unit": None})
+        self.assertEqual(result["csd"]["capacity_bytes"], 30228480 * 512)
+        self.assertIsNone(result["scr"])
+        self.assertIsNone(result["speed"])
+
+    def test_info_of_a_back_end_that_leaves_a_byte_out(self):
+        sim = self.description({"driver": "zel", "unit": 1, "cid": self.CID})
+        result = self.document("info", "/dev/spdb", sim=sim)["result"]
+        self.assertEqual(result["cid"]["raw"], self.CID[:30])
+        self.assertEqual(result["cid"]["crc7"], "not-delivered")
+        self.assertIsNone(result["cid"]["fields"]["CRC7"]["raw"])
+        self.assertEqual(len(result["speed"]["raw"]), 64)
+
+    def test_what_could_not_be_had_is_null(self):
+        sim = self.description(faults=[{"call": "ioctl", "request": "0x400178fe", "errno": "EIO"}])
+        document = self.document("info", DEVICE, sim=sim, code=INPUT_OUTPUT)
+        self.assertIsNone(document["result"]["cid"])
+        self.assertEqual(document["result"]["size_bytes"], 512000)
+        sim = self.description({"cid": "0" * 32})
+        self.assertIsNone(self.document("info", DEVICE, sim=sim)["result"]["cid"])
+
+    def test_no_card_and_no_path_drives_the_terminal(self):
+        sim = self.description({"cid": "001b631b5d30075c43001af44c012900"})
+        fields = self.document("info", DEVICE, sim=sim)["result"]["cid"]["fields"]
+        self.assertEqual(fields["OID"]["value"], "\\x1bc")
+        self.assertEqual(fields["PNM"]["value"], "\\x1b]0\\x07\\x5c")
+        result = self.on_card("--json", "size", b"/dev/\x1bc\xff\x9b")
+        self.assertEqual(result.returncode, NO_DEVICE)
+        self.assertNotIn(b"\x1b", result.stdout)
+        self.assertEqual(json.loads(result.stdout)["device"], "/dev/\x1bc\ufffd\ufffd")
+        said = [line for line in result.stderr.split(b"\n") if line.startswith(b"cardtool: ")]
+        self.assertNotIn(b"\x1b", b"".join(said))
+
+    def test_every_failure_of_every_call(self):
+        commands = (["detect", DEVICE], ["info", DEVICE], ["size", DEVICE], ["status", DEVICE],
+                    ["write-protect", DEVICE], ["format-params", DEVICE], ["rt", DEVICE],
+                    ["read", DEVICE, "-o", self.path("out")],
+                    ["write", DEVICE, "--yes", "-i", self.file("in", bytes(SECTOR))])
+        ended = set()
+        for call in ("stat", "open", "close", "seek", "read", "write", "ioctl"):
+            for errno in ("EIO", "EACCES", "ENXIO"):
+                sim = self.description(
+                    faults=[{"call": call, "node": DEVICE, "errno": errno, "times": 99}])
+                for command in commands:
+                    with self.subTest(f"{call} {errno}: {command[0]}"):
+                        code = self.on_card(*command, sim=sim).returncode
+                        self.document(*command, sim=sim, code=code)
+                        ended.add(code)
+        self.assertEqual(ended, {OK, NO_DEVICE, PERMISSION, INPUT_OUTPUT})
+
+    def test_errors_of_the_command_line(self):
+        for arguments in ([], ["erase"], ["size"], ["read", DEVICE], ["size", DEVICE, "--x"]):
+            document = self.document(*arguments, code=USAGE, plain=True)
+            self.assertIsNone(document["command"])
+        self.document("detect", "/dev/null", code=NOT_A_CARD, plain=True)
+        self.document("decode", code=USAGE, plain=True)
+        self.document("decode", "--cid", "00", code=USAGE, plain=True)
+        self.document("write", DEVICE, "-i", str(self.image), code=REFUSED)
+        self.assert_card_unchanged()
+
+    def test_data_and_a_document_do_not_share_standard_output(self):
+        self.document("read", DEVICE, "-o", "-", code=USAGE)
+
+    def test_transfers(self):
+        result = self.document("read", DEVICE, "-o", self.path("out"), "--first", "10")["result"]
+        self.assertEqual(result, {"first": 10, "sectors": 990, "bytes": 990 * SECTOR})
+
+    def test_decode(self):
+        result = self.document("decode", "--csd", "400e00325b590001dcff7f800a4040f1", "--cid",
+                               "1b534d474638533530d8466363a16700", "--scr", "0235800100000000",
+                               plain=True)["result"]
+        self.assertEqual(result["csd"]["capacity_bytes"], 125042688 * 512)
+        self.assertEqual(result["csd"]["crc7"], "valid")
+        self.assertEqual(result["cid"]["crc7"], "absent")
+        self.assertEqual(result["scr"]["layer_version"], "3.0x")
+        self.assertIsNone(result["sd_status"])
+        fields = result["csd"]["fields"]
+        self.assertEqual(fields["TRAN_SPEED"]["value"], 25_000_000)
+        self.assertEqual(fields["TAAC"]["value"], 10**9)  # 1 ms in ps
+        self.assertEqual(fields["READ_BL_LEN"], {"bits": "83:80", "raw": 9, "value": 512,
+                                                 "unit": "bytes"})
+
+    def test_decode_of_the_first_version(self):
+        # READ_BL_LEN 10, C_SIZE EAFh, C_SIZE_MULT 7.
+        csd = (10 << 80 | 0xEAF << 62 | 7 << 47 | 0x5A << 96).to_bytes(16, "big").hex()
+        result = self.document("decode", "--csd", csd, plain=True)["result"]["csd"]
+        self.assertEqual(result["version"], 1)
+        self.assertEqual(result["capacity_bytes"], 1_971_322_880)
+        self.assertEqual(result["fields"]["TRAN_SPEED"]["value"], 50_000_000)
+        self.assertEqual(result["fields"]["VDD_R_CURR_MIN"]["value"], 500)
+
+    def test_decode_of_an_sd_status(self):
+        value = (2 << 510 | 4 << 440 | 9 << 428 | 5 << 408 | 3 << 396 | 30 << 384 | 1 << 336
+                 | 1 << 313).to_bytes(64, "big").hex()
+        fields = self.document("decode", "--sd-status", value, plain=True)["result"]["sd_status"][
+            "fields"]
+        self.assertEqual({name: fields[name]["value"] for name in (
+            "DAT_BUS_WIDTH", "SPEED_CLASS", "AU_SIZE", "ERASE_SIZE", "UHS_SPEED_GRADE",
+            "VIDEO_SPEED_CLASS", "APP_PERF_CLASS", "DISCARD_SUPPORT", "FULE_SUPPORT")}, {
+            "DAT_BUS_WIDTH": 4, "SPEED_CLASS": 10, "AU_SIZE": 4 << 20, "ERASE_SIZE": 5,
+            "UHS_SPEED_GRADE": 30, "VIDEO_SPEED_CLASS": 30, "APP_PERF_CLASS": "A1",
+            "DISCARD_SUPPORT": True, "FULE_SUPPORT": False})
+
+    def test_real_time_control(self):
+        sim = self.description({"driver": "zel", "unit": 0})
+        before = self.document("rt", "/dev/spda", sim=sim)["result"]
+        locked = self.document("rt", "/dev/spda", "--set", "lock", sim=sim)["result"]
+        self.assertEqual(before["set"], None)
+        self.assertEqual(locked["set"], "lock")
+        self.assertIsInstance(before["status"], int)
+        self.assertIsNone(self.document("rt", DEVICE)["result"]["status"])
+        self.document("rt", DEVICE, "--set", "lock", code=INPUT_OUTPUT)
+
+    def test_card_commands(self):
+        sim = self.description({"driver": "zel", "unit": 0})
+        command = ["ioctl", "/dev/spda", "--command", "3"]
+        self.document(*command, sim=sim, code=REFUSED)
+        self.assertEqual(self.document(*command, "--argument", "7", "--yes", sim=sim)["result"],
+                         {"command": 3, "argument": 7})
+        self.document("ioctl", "/dev/spda", "--command", "5", "--yes", sim=sim, code=USAGE)
+        self.document("ioctl", DEVICE, "--command", "2", "--yes", code=INPUT_OUTPUT)
 
 
 class HelpTest(CardtoolTest):
@@ -313,6 +517,13 @@ SD status:          000102030405060708090a0b0c0d0e0f
                     202122232425262728292a2b2c2d2e2f
                     303132333435363738393a3b3c3d3e3f
 """)
+
+    def test_info_with_every_field(self):
+        sim = self.description({"cid": "02544d534131364743001af44c0129e9"})
+        text = self.succeed(self.on_card("info", DEVICE, "--fields", sim=sim)).decode()
+        self.assertRegex(text, r"(?m)^  PRV +63:56 +67  = 4\.3$")
+        self.assertRegex(text, r"(?m)^  READ_BL_LEN +83:80 +9  = 512 bytes$")
+        self.assertRegex(text, r"(?m)^  AU_SIZE +431:428 ")
 
     def test_info_of_other_registers(self):
         text = self.info({"cid": "1b534d474638533530d8466363a16700",

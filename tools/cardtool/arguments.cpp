@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "tools/cardtool/arguments.h"
 
+#include <algorithm>
 #include <sstream>
 
 #include <CLI/CLI.hpp>
@@ -67,6 +68,12 @@ std::string Footer()
 }
 
 }  // namespace
+
+bool WantsJson(int argc, char** argv)
+{
+    return std::any_of(argv, argv + argc,
+                       [](const char* argument) { return std::string(argument) == "--json"; });
+}
 
 std::optional<Arguments> ParseArguments(int argc, char** argv, Output& results)
 {

@@ -1,127 +1,116 @@
 // SPDX-License-Identifier: MIT
 #include "tools/cardtool/commands.h"
 
-#include <algorithm>
-#include <charconv>
 #include <memory>
+#include <vector>
+
+#include <sys/stat.h>
 
 #include "sim/config.h"
-#include "tools/cardtool/registers.h"
+#include "tools/cardtool/info.h"
+#include "tools/cardtool/text.h"
 #include "tools/cardtool/transfer.h"
 
 namespace {
 
-constexpr size_t kColumn = 20;  // where values stand
-
-std::string Line(std::string label, const std::string& value)
+void ShowSize(Device& device, Report& report)
 {
-    label += ':';
-    label.resize(kColumn, ' ');
-    return label + value + "\n";
+    const uint32_t sectors = device.Sectors();
+    report.Say(Capacity(uint64_t{sectors} * CARD_SECTOR_SIZE) + "\n");
+    report.result = SizeJson(sectors);
 }
 
-// A number in `base` with leading zeros up to `width` digits.
-std::string Digits(unsigned number, int base, size_t width)
-{
-    char text[32];
-    const std::to_chars_result written = std::to_chars(text, text + sizeof text, number, base);
-    const std::string digits(text, written.ptr);
-    return std::string(width - std::min(width, digits.size()), '0') + digits;
-}
-
-std::string Capacity(uint64_t bytes)
-{
-    return SectorCount(bytes / CARD_SECTOR_SIZE) + ", " + std::to_string(bytes) + " bytes";
-}
-
-std::string OnOff(bool on)
-{
-    return on ? "on" : "off";
-}
-
-std::string SizeText(Device& device)
-{
-    return Capacity(uint64_t{device.Sectors()} * CARD_SECTOR_SIZE);
-}
-
-std::string CidText(const CardInfo& info, int32_t dev_type)
-{
-    const Register reg = PlaceCid(info, dev_type);
-    // The Zel back-end leaves the last byte out.
-    const size_t delivered = dev_type == DEV_TYPE_ZEL ? 15 : 16;
-    if (IsEmpty(reg.data(), delivered)) {
-        return Line("CID", "empty: the driver delivered nothing");
-    }
-    const Cid cid = DecodeCid(info, dev_type);
-    return Line("CID", Hex(reg.data(), delivered)) +
-           Line("  manufacturer", "0x" + Digits(cid.manufacturer, 16, 2)) +
-           Line("  OEM", Printable(cid.oem)) + Line("  product", Printable(cid.product)) +
-           Line("  revision",
-                std::to_string(cid.revision_major) + "." + std::to_string(cid.revision_minor)) +
-           Line("  serial", "0x" + Digits(cid.serial, 16, 8)) +
-           Line("  made", std::to_string(cid.year) + "-" + Digits(cid.month, 10, 2)) +
-           Line("  CRC7", CrcText(cid.crc));
-}
-
-std::string CsdText(const CardInfo& info)
-{
-    Register reg;
-    std::copy(info.csd, info.csd + sizeof info.csd, reg.begin());
-    if (IsEmpty(reg.data(), reg.size())) {
-        return Line("CSD", "empty: the driver delivered nothing");
-    }
-    const Csd csd = DecodeCsd(reg);
-    return Line("CSD", Hex(reg.data(), reg.size())) +
-           Line("  version", std::to_string(csd.version)) +
-           Line("  capacity",
-                csd.capacity ? Capacity(*csd.capacity) : "not known in this version") +
-           Line("  CRC7", CrcText(csd.crc));
-}
-
-std::string SdStatusText(Device& device)
-{
-    const auto status = device.SdStatus();
-    std::string text;
-    for (size_t at = 0; at < status.size(); at += 16) {
-        const std::string row = Hex(status.data() + at, 16);
-        text += at == 0 ? Line("SD status", row) : std::string(kColumn, ' ') + row + "\n";
-    }
-    return text;
-}
-
-// Each part stands for itself: one that fails does not hide the next, and the
-// first failure is the command's.
-void ShowInfo(Device& device, Output& results)
-{
-    std::unique_ptr<Failure> failed;
-    const auto part = [&](const auto& text) {
-        try {
-            results.Write(text());
-        } catch (const Failure& failure) {
-            if (!failed) {
-                failed = std::make_unique<Failure>(failure);
-            }
-        }
-    };
-    part([&] { return Line("device", device.path()) + Line("back-end", device.BackEnd()); });
-    part([&] { return Line("size", SizeText(device)); });
-    part([&] { return Line("write protection", OnOff(device.IsWriteProtected())); });
-    part([&] {
-        const CardInfo info = device.Info();
-        return CidText(info, device.type()) + CsdText(info);
-    });
-    part([&] { return SdStatusText(device); });
-    if (failed) {
-        throw Failure(*failed);
-    }
-}
-
-void ShowStatus(Device& device, Output& results)
+void ShowStatus(Device& device, Report& report)
 {
     const unsigned status = device.Status();
-    const char* meaning = (status & CARD_STATUS_READY) != 0 ? " (ready)" : " (not ready)";
-    results.Write(Line("status word", "0x" + Digits(status, 16, 4) + meaning));
-    results.Write(Line("write protection", OnOff(device.IsWriteProtected())));
+    const bool ready = (status & CARD_STATUS_READY) != 0;
+    report.Say(
+        Line("status word", "0x" + Digits(status, 16, 4) + (ready ? " (ready)" : " (not ready)")));
+    report.result = {{"status", status}, {"ready", ready}, {"write_protected", nullptr}};
+    const bool locked = device.IsWriteProtected();
+    report.Say(Line("write protection", OnOff(locked)));
+    report.result["write_protected"] = locked;
+}
+
+void ShowWriteProtect(Device& device, Report& report)
+{
+    const bool locked = device.IsWriteProtected();
+    report.Say(OnOff(locked) + "\n");
+    report.result = {{"write_protected", locked}};
+}
+
+Json OrNull(std::optional<unsigned> value)
+{
+    return value ? Json(*value) : Json();
+}
+
+void ControlRt(const Arguments& arguments, Device& device, Report& report)
+{
+    if (arguments.rt) {
+        *arguments.rt == "lock" ? device.LockRt() : device.UnlockRt();
+    }
+    const auto shown = [](std::optional<unsigned> byte) {
+        return byte ? std::to_string(*byte) : std::string("not offered by this back-end");
+    };
+    const std::optional<unsigned> status = device.Rt();
+    const std::optional<unsigned> delay = device.RtDelay();
+    const std::optional<unsigned> wait = device.RtOnForWait();
+    report.Say(Line("real time", shown(status)) + Line("delay", shown(delay)) +
+               Line("on for a wait", shown(wait)));
+    report.result = {{"status", OrNull(status)},
+                     {"delay", OrNull(delay)},
+                     {"on_for_wait", OrNull(wait)},
+                     {"set", arguments.rt ? Json(*arguments.rt) : Json()}};
+}
+
+void SendCommand(const Arguments& arguments, Device& device, Report& report)
+{
+    if (!arguments.yes) {
+        Confirm("Send card command " + std::to_string(arguments.number) + " with argument " +
+                    std::to_string(arguments.argument) + " to " + ForTerminal(device.path()) +
+                    "? Type yes: ",
+                false);
+    }
+    device.Command(arguments.number, arguments.argument);
+    report.Say("card command " + std::to_string(arguments.number) + " was carried out\n");
+    report.result = {{"command", arguments.number}, {"argument", arguments.argument}};
+}
+
+void ShowDetected(const DrvInfo& detected, Report& report)
+{
+    report.Say(ForTerminal(detected.dev_path) + ": " + BackEndOf(detected) + "\n");
+    report.result = {{"back_end", BackEndName(detected)}, {"unit", detected.dev_index}};
+}
+
+// Nodes have these names on every board; a simulated /dev cannot be listed.
+std::vector<std::string> UsualNodes()
+{
+    std::vector<std::string> nodes = {"/dev/sdcarda"};
+    for (char unit = 'a'; unit <= 'f'; unit++) {
+        nodes.push_back(std::string("/dev/spd") + unit);
+    }
+    nodes.emplace_back("/dev/mivosdif0");
+    nodes.emplace_back("/dev/mivosdif1");
+    return nodes;
+}
+
+void ListNodes(Report& report)
+{
+    Json& nodes = (report.result = Json::object())["nodes"] = Json::array();
+    for (const std::string& path : UsualNodes()) {
+        struct stat64 node = {};
+        if (stat64(path.c_str(), &node) != 0 ||
+            (!S_ISBLK(node.st_mode) && !S_ISCHR(node.st_mode))) {
+            continue;
+        }
+        const DrvInfo detected = Detect(path);
+        report.Say(path + ": " + BackEndOf(detected) + "\n");
+        nodes.push_back(
+            {{"device", path}, {"back_end", BackEndName(detected)}, {"unit", detected.dev_index}});
+    }
+    if (nodes.empty()) {
+        report.Say("there are no nodes of card devices\n");
+    }
 }
 
 std::string Done(const char* what, const Range& range, const std::string& device)
@@ -130,8 +119,19 @@ std::string Done(const char* what, const Range& range, const std::string& device
            std::to_string(range.first) + "\n";
 }
 
-void ReadCard(const Arguments& arguments, Device& device, Output& results)
+Json RangeJson(const Range& range)
 {
+    return {{"first", range.first},
+            {"sectors", range.count},
+            {"bytes", uint64_t{range.count} * CARD_SECTOR_SIZE}};
+}
+
+void ReadCard(const Arguments& arguments, Device& device, Report& report)
+{
+    if (arguments.file == "-" && report.json()) {
+        throw Failure(ExitCode::Usage, "standard output cannot carry data and a document at once",
+                      "name a file with -o, or leave --json out");
+    }
     const uint32_t there = SectorsFrom(device, arguments.first);
     const Range range = {arguments.first, arguments.count.value_or(there), arguments.direct};
     if (range.count > there) {
@@ -141,7 +141,7 @@ void ReadCard(const Arguments& arguments, Device& device, Output& results)
                       "give a smaller --count, or none to read to the end");
     }
     if (arguments.file == "-") {
-        ReadSectors(device, range, results);
+        ReadSectors(device, range, report.output());
         return;
     }
     if (!arguments.sim.empty() && IsSameFile(arguments.file, arguments.sim)) {
@@ -151,7 +151,8 @@ void ReadCard(const Arguments& arguments, Device& device, Output& results)
     Output file(arguments.file);
     ReadSectors(device, range, file);
     file.Close();
-    results.Write(Done("read", range, device.path()));
+    report.Say(Done("read", range, device.path()));
+    report.result = RangeJson(range);
 }
 
 Range RangeFor(const Input& input, const Arguments& arguments, uint64_t room)
@@ -173,7 +174,7 @@ Range RangeFor(const Input& input, const Arguments& arguments, uint64_t room)
             arguments.direct};
 }
 
-void WriteCard(const Arguments& arguments, Device& device, Output& results)
+void WriteCard(const Arguments& arguments, Device& device, Report& report)
 {
     if (device.IsWriteProtected()) {
         throw Failure(ExitCode::ReadOnly, "the card in " + device.path() + " is write-protected",
@@ -188,10 +189,11 @@ void WriteCard(const Arguments& arguments, Device& device, Output& results)
                 arguments.file == "-");
     }
     WriteSectors(device, range, input);
-    results.Write(Done("wrote", range, device.path()));
+    report.Say(Done("wrote", range, device.path()));
+    report.result = RangeJson(range);
 }
 
-void ShowFormatParams(uint32_t capacity, Output& results)
+void ShowFormatParams(uint32_t capacity, Report& report)
 {
     static constexpr const char* kFileSystems[] = {"FAT12", "FAT16", "FAT32", "exFAT"};
     SdFormatParams params;
@@ -199,11 +201,17 @@ void ShowFormatParams(uint32_t capacity, Output& results)
         throw Failure(ExitCode::Usage, "there is no layout for a card of " + SectorCount(capacity),
                       "the largest card that has one holds 1073741824 sectors (512 GiB)");
     }
-    results.Write(Line("capacity", Capacity(uint64_t{capacity} * CARD_SECTOR_SIZE)) +
-                  Line("file system", kFileSystems[params.fs_type]) +
-                  Line("partition start", "sector " + std::to_string(params.partition_start)) +
-                  Line("data start", "sector " + std::to_string(params.data_start)) +
-                  Line("root directory", SectorCount(params.root_dir_sectors)));
+    report.Say(Line("capacity", Capacity(uint64_t{capacity} * CARD_SECTOR_SIZE)) +
+               Line("file system", kFileSystems[params.fs_type]) +
+               Line("partition start", "sector " + std::to_string(params.partition_start)) +
+               Line("data start", "sector " + std::to_string(params.data_start)) +
+               Line("root directory", SectorCount(params.root_dir_sectors)));
+    report.result = {{"capacity_sectors", capacity},
+                     {"capacity_bytes", uint64_t{capacity} * CARD_SECTOR_SIZE},
+                     {"file_system", kFileSystems[params.fs_type]},
+                     {"partition_start", params.partition_start},
+                     {"data_start", params.data_start},
+                     {"root_directory_sectors", params.root_dir_sectors}};
 }
 
 std::unique_ptr<cardsim::Kernel> Simulation(const std::string& file)
@@ -224,37 +232,54 @@ std::unique_ptr<cardsim::Kernel> Simulation(const std::string& file)
 
 }  // namespace
 
-void RunCommand(const Arguments& arguments, Output& results)
+void RunCommand(const Arguments& arguments, Report& report)
 {
+    if (arguments.command == Command::Decode) {
+        DecodeRegisters(arguments, report);
+        return;
+    }
     if (arguments.capacity) {
-        ShowFormatParams(*arguments.capacity, results);
+        ShowFormatParams(*arguments.capacity, report);
         return;
     }
     const std::unique_ptr<cardsim::Kernel> simulation = Simulation(arguments.sim);
+    if (arguments.command == Command::List) {
+        ListNodes(report);
+        return;
+    }
     const DrvInfo detected = Detect(arguments.device);
     if (arguments.command == Command::Detect) {
-        results.Write(arguments.device + ": " + BackEndOf(detected) + "\n");
+        ShowDetected(detected, report);
         return;
     }
     Device device(detected);
     switch (arguments.command) {
         case Command::Size:
-            results.Write(SizeText(device) + "\n");
+            ShowSize(device, report);
+            break;
+        case Command::WriteProtect:
+            ShowWriteProtect(device, report);
             break;
         case Command::FormatParams:
-            ShowFormatParams(device.Sectors(), results);
+            ShowFormatParams(device.Sectors(), report);
             break;
         case Command::Status:
-            ShowStatus(device, results);
+            ShowStatus(device, report);
             break;
         case Command::Read:
-            ReadCard(arguments, device, results);
+            ReadCard(arguments, device, report);
             break;
         case Command::Write:
-            WriteCard(arguments, device, results);
+            WriteCard(arguments, device, report);
+            break;
+        case Command::Rt:
+            ControlRt(arguments, device, report);
+            break;
+        case Command::Ioctl:
+            SendCommand(arguments, device, report);
             break;
         default:
-            ShowInfo(device, results);
+            ShowInfo(arguments, device, report);
             break;
     }
 }

@@ -3,10 +3,9 @@
 #define CARDTOOL_COMMANDS_H
 
 #include "tools/cardtool/arguments.h"
-#include "tools/cardtool/failure.h"
-#include "tools/cardtool/files.h"
+#include "tools/cardtool/report.h"
 
 // Carry out the command. Throws Failure.
-void RunCommand(const Arguments& arguments, Output& results);
+void RunCommand(const Arguments& arguments, Report& report);
 
 #endif

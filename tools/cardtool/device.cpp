@@ -122,12 +122,16 @@ DrvInfo Detect(const std::string& path)
     return handle;
 }
 
+const char* BackEndName(const DrvInfo& handle)
+{
+    return handle.dev_type == DEV_TYPE_ZEL    ? "Zel"
+           : handle.dev_type == DEV_TYPE_MIVO ? "Mivo"
+                                              : "Ricoh SD";
+}
+
 std::string BackEndOf(const DrvInfo& handle)
 {
-    const char* name = handle.dev_type == DEV_TYPE_ZEL    ? "Zel"
-                       : handle.dev_type == DEV_TYPE_MIVO ? "Mivo"
-                                                          : "Ricoh SD";
-    return std::string(name) + ", unit " + std::to_string(handle.dev_index);
+    return std::string(BackEndName(handle)) + ", unit " + std::to_string(handle.dev_index);
 }
 
 Device::Device(const DrvInfo& detected) : path_(detected.dev_path), handle_(detected)
@@ -225,6 +229,67 @@ std::array<uint8_t, CARD_SD_STATUS_SIZE> Device::SdStatus()
     errno = 0;
     Check(CARD_SecureGetinfo(&handle_, status.data()), "the SD status");
     return status;
+}
+
+// The Ricoh SD back-end answers with its registers: that is no speed record.
+std::optional<CardSpeedInfo> Device::Speed()
+{
+    if (handle_.ops->CardGetSpeedInfo == nullptr || type() == DEV_TYPE_RICOH_SD) {
+        return std::nullopt;
+    }
+    CardSpeedInfo speed = {};
+    errno = 0;
+    Check(CARD_GetSpeedInfo(&handle_, &speed), "the speed record");
+    return speed;
+}
+
+std::optional<unsigned> Device::RtByte(int32_t (*query)(DrvInfo*), bool offered, const char* what)
+{
+    if (!offered) {
+        return std::nullopt;
+    }
+    const int32_t result = query(&handle_);
+    if (result < 0) {
+        throw SystemFailure("cannot get " + std::string(what) + " of " + path_, -result,
+                            kSeeLibrary);
+    }
+    return static_cast<unsigned>(result);
+}
+
+std::optional<unsigned> Device::Rt()
+{
+    return RtByte(DevCheckRt, handle_.ops->CheckRt != nullptr, "the real-time status");
+}
+
+std::optional<unsigned> Device::RtDelay()
+{
+    return RtByte(DevCheckDelay, handle_.ops->CheckDelay != nullptr, "the delay status");
+}
+
+std::optional<unsigned> Device::RtOnForWait()
+{
+    return RtByte(DevRTOn4Wait, handle_.ops->RTOn4Wait != nullptr, "the wait status");
+}
+
+void Device::LockRt()
+{
+    Need(handle_.ops->LockRTOn != nullptr, "real-time control");
+    DevLockRTOn(&handle_);
+}
+
+void Device::UnlockRt()
+{
+    Need(handle_.ops->UnlockRTOn != nullptr, "real-time control");
+    DevUnlockRTOn(&handle_);
+}
+
+void Device::Command(uint32_t number, uint32_t argument)
+{
+    Need(handle_.ops->CardIoctl != nullptr && type() != DEV_TYPE_RICOH_SD, "card commands");
+    errno = 0;
+    const int32_t code =
+        CARD_Ioctl(&handle_, static_cast<int32_t>(number), static_cast<int32_t>(argument));
+    Check(code, ("an answer to card command " + std::to_string(number)).c_str());
 }
 
 Moved Device::DirectOutcome(int32_t result)

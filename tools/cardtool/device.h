@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "carddev.h"
@@ -14,6 +15,8 @@
 // A handle that names the device and its back-end. Opens nothing.
 DrvInfo Detect(const std::string& path);
 
+// "Ricoh SD"
+const char* BackEndName(const DrvInfo& handle);
 // "Ricoh SD, unit 0"
 std::string BackEndOf(const DrvInfo& handle);
 
@@ -36,12 +39,24 @@ public:
     const std::string& path() const { return path_; }
     int32_t type() const { return handle_.dev_type; }
     std::string BackEnd() const { return BackEndOf(handle_); }
+    const DrvInfo& handle() const { return handle_; }
 
     uint32_t Sectors();
     bool IsWriteProtected();
     uint16_t Status();
     CardInfo Info();
     std::array<uint8_t, CARD_SD_STATUS_SIZE> SdStatus();
+    // None where the back-end has no speed record.
+    std::optional<CardSpeedInfo> Speed();
+
+    // Status bytes of the real-time control; none where there is no such control.
+    std::optional<unsigned> Rt();
+    std::optional<unsigned> RtDelay();
+    std::optional<unsigned> RtOnForWait();
+    void LockRt();
+    void UnlockRt();
+    // Card command 2, 3 or 4.
+    void Command(uint32_t number, uint32_t argument);
 
     // The buffers must lie below 4 GiB.
     Moved Read(uint32_t first, uint32_t sectors, void* to);
@@ -55,6 +70,7 @@ private:
     void Need(bool offered, const char* what) const;
     // Throws unless the card code means success.
     void Check(int32_t code, const char* what) const;
+    std::optional<unsigned> RtByte(int32_t (*query)(DrvInfo*), bool offered, const char* what);
     Moved DirectOutcome(int32_t result);
 
     std::string path_;

@@ -80,6 +80,21 @@ std::string ExitCodeText()
     return text;
 }
 
+std::string ForTerminal(const std::string& text)
+{
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string result;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20 || byte == 0x7F) {
+            result += std::string("\\x") + kDigits[byte >> 4] + kDigits[byte & 0xF];
+        } else {
+            result += c;
+        }
+    }
+    return result;
+}
+
 Failure SystemFailure(const std::string& what, int error, const std::string& next)
 {
     const ExitCode code = KindOf(error);

@@ -35,6 +35,9 @@ std::string NameOf(ExitCode code);
 // The list of exit codes for --help.
 std::string ExitCodeText();
 
+// A text of ours for a terminal: bytes that would drive one as \xNN.
+std::string ForTerminal(const std::string& text);
+
 // Thrown wherever a command cannot go on: what went wrong, and what to do next.
 class Failure : public std::runtime_error {
 public:

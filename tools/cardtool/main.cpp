@@ -32,37 +32,49 @@ int SetResultsApart()
     return results;
 }
 
-int Complain(ExitCode code, const char* what, const char* next)
+// Both lines go out whatever becomes of the document.
+int End(const Failure& failure, const Arguments& arguments, Report& report)
 {
-    std::fprintf(stderr, "cardtool: %s\ncardtool: %s\n", what, next);
-    return static_cast<int>(code);
+    std::fprintf(stderr, "cardtool: %s\ncardtool: %s\n", ForTerminal(failure.what()).c_str(),
+                 ForTerminal(failure.next()).c_str());
+    try {
+        report.Finish(arguments, &failure);
+    } catch (const Failure&) {
+        // Standard output is what failed, then.
+    }
+    return static_cast<int>(failure.code());
 }
 
-int NoMemory()
+Failure NoMemory()
 {
-    return Complain(ExitCode::Unexpected, "there is not enough memory",
-                    "give large inputs as a file: only standard input is held in memory");
+    return {ExitCode::Unexpected, "there is not enough memory",
+            "give large inputs as a file: only standard input is held in memory"};
 }
 
 int Run(int argc, char** argv, int results_fd)
 {
+    Output results(results_fd, "standard output");
+    Report report(results, WantsJson(argc, argv));
+    Arguments arguments;
     try {
-        Output results(results_fd, "standard output");
-        const std::optional<Arguments> arguments = ParseArguments(argc, argv, results);
-        if (arguments) {
-            RunCommand(*arguments, results);
+        const std::optional<Arguments> parsed = ParseArguments(argc, argv, results);
+        if (parsed) {
+            arguments = *parsed;
+            RunCommand(arguments, report);
+            report.Finish(arguments, nullptr);
         }
         results.Close();
         return static_cast<int>(ExitCode::Ok);
     } catch (const Failure& failure) {
-        return Complain(failure.code(), failure.what(), failure.next().c_str());
+        return End(failure, arguments, report);
     } catch (const std::bad_alloc&) {
-        return NoMemory();
+        return End(NoMemory(), arguments, report);
     } catch (const std::length_error&) {
-        return NoMemory();  // more than any memory here could hold
+        return End(NoMemory(), arguments, report);  // more than any memory here could hold
     } catch (const std::exception& error) {
-        return Complain(ExitCode::Unexpected, error.what(),
-                        "this should not happen: please report it with the command line");
+        return End({ExitCode::Unexpected, error.what(),
+                    "this should not happen: please report it with the command line"},
+                   arguments, report);
     }
 }
 

@@ -72,16 +72,59 @@ constexpr Option kYes = {
 constexpr Option kGlobal[] = {
     {"--sim", "FILE", "simulate the cards that FILE describes", false, nullptr,
      [](Arguments& arguments, const std::string& value) { arguments.sim = value; }},
+    {"--json", nullptr, "one JSON document on standard output, of failures, too", false, nullptr,
+     [](Arguments& arguments, const std::string&) { arguments.json = true; }},
 };
 
+constexpr Option kInfoOptions[] = {
+    {"--fields", nullptr, "show every field of the registers: bits, raw number, value", false,
+     nullptr, [](Arguments& arguments, const std::string&) { arguments.fields = true; }},
+};
+constexpr Option kDecodeOptions[] = {
+    {"--cid", "HEX", "card identification, 32 hexadecimal digits", false, nullptr,
+     [](Arguments& arguments, const std::string& value) { arguments.cid = value; }},
+    {"--csd", "HEX", "card-specific data, 32 digits", false, nullptr,
+     [](Arguments& arguments, const std::string& value) { arguments.csd = value; }},
+    {"--scr", "HEX", "SD configuration, 16 digits", false, nullptr,
+     [](Arguments& arguments, const std::string& value) { arguments.scr = value; }},
+    {"--sd-status", "HEX", "SD status, 128 digits", false, nullptr,
+     [](Arguments& arguments, const std::string& value) { arguments.sd_status = value; }},
+};
+constexpr Option kRtOptions[] = {
+    {"--set", "WHAT", "lock real time on, or undo one lock", false, "lock unlock",
+     [](Arguments& arguments, const std::string& value) { arguments.rt = value; }},
+};
+constexpr Option kIoctlOptions[] = {
+    {"--command", "NUMBER", "card command to send", true, "2 3 4",
+     [](Arguments& arguments, const std::string& value) {
+         arguments.number = Number("--command", value);
+     }},
+    {"--argument", "NUMBER", "its argument, handed on as it is (default: 0)", false, nullptr,
+     [](Arguments& arguments, const std::string& value) {
+         arguments.argument = Number("--argument", value);
+     }},
+    kYes,
+};
 constexpr Option kReadOptions[] = {kFirst, kCount, kDirect, kOutput};
 constexpr Option kWriteOptions[] = {kFirst, kInput, kDirect, kYes};
 
+constexpr Example kListExamples[] = {{"cardtool list", "Which card nodes are there?"}};
+constexpr Example kDecodeExamples[] = {{"cardtool decode --cid 02544d534131364743001af44c0129e9",
+                                        "What does this register say? No card is needed."}};
+constexpr Example kWriteProtectExamples[] = {
+    {"cardtool write-protect /dev/spda", "Is the card's lock on?"}};
+constexpr Example kRtExamples[] = {
+    {"cardtool rt /dev/spda", "Is real time on for the slots?"},
+    {"cardtool rt /dev/spda --set lock", "Lock it on; --set unlock undoes that."}};
+constexpr Example kIoctlExamples[] = {
+    {"cardtool ioctl /dev/spda --command 2", "Send a card command, after a question."}};
 constexpr Example kDetectExamples[] = {
     {"cardtool detect /dev/sdcarda", "Which back-end serves the device?"}};
 constexpr Example kInfoExamples[] = {
     {"cardtool info /dev/sdcarda", "What is this card?"},
-    {"cardtool --sim card.img info /dev/sdcarda", "Try the tool without a card."}};
+    {"cardtool --json info /dev/sdcarda", "The same for a program, with every field."},
+    {"truncate -s 64M card.img && cardtool --sim card.img info /dev/sdcarda",
+     "Try the tool without a card."}};
 constexpr Example kSizeExamples[] = {{"cardtool size /dev/spda", "How large is the card?"}};
 constexpr Example kStatusExamples[] = {{"cardtool status /dev/spda", "Is the card usable?"}};
 constexpr Example kFormatParamsExamples[] = {
@@ -96,18 +139,22 @@ constexpr Example kWriteExamples[] = {{"cardtool write /dev/sdcarda -i boot.bin 
                                        "Put a file's sectors on the card, after a question."}};
 
 const CommandEntry kCommands[] = {
+    {Command::List,
+     "list",
+     "Name the nodes of card devices that there are",
+     Operand::None,
+     {},
+     kListExamples},
     {Command::Detect,
      "detect",
      "Say which back-end serves the device",
      Operand::Device,
      {},
      kDetectExamples},
-    {Command::Info,
-     "info",
-     "Show the card's registers, decoded",
-     Operand::Device,
-     {},
+    {Command::Info, "info", "Show the card's registers, decoded", Operand::Device, kInfoOptions,
      kInfoExamples},
+    {Command::Decode, "decode", "Decode registers given in hexadecimal digits", Operand::None,
+     kDecodeOptions, kDecodeExamples},
     {Command::Size, "size", "Show the card's size", Operand::Device, {}, kSizeExamples},
     {Command::Status,
      "status",
@@ -115,6 +162,12 @@ const CommandEntry kCommands[] = {
      Operand::Device,
      {},
      kStatusExamples},
+    {Command::WriteProtect,
+     "write-protect",
+     "Show whether the card is write-protected",
+     Operand::Device,
+     {},
+     kWriteProtectExamples},
     {Command::FormatParams,
      "format-params",
      "Say how a card is to be formatted, by its capacity alone",
@@ -125,6 +178,10 @@ const CommandEntry kCommands[] = {
      kReadExamples},
     {Command::Write, "write", "Copy a file over sectors of the card, after a question",
      Operand::Device, kWriteOptions, kWriteExamples},
+    {Command::Rt, "rt", "Show or lock real time of the card slots", Operand::Device, kRtOptions,
+     kRtExamples},
+    {Command::Ioctl, "ioctl", "Send a card command through the driver, after a question",
+     Operand::Device, kIoctlOptions, kIoctlExamples},
 };
 
 }  // namespace

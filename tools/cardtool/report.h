@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: MIT
+//
+// What a command has found out: lines for people, or one JSON document for programs.
+#ifndef CARDTOOL_REPORT_H
+#define CARDTOOL_REPORT_H
+
+#include <string>
+
+#include "tools/cardtool/arguments.h"
+#include "tools/cardtool/failure.h"
+#include "tools/cardtool/fields.h"
+#include "tools/cardtool/files.h"
+
+class Report {
+public:
+    Report(Output& results, bool json) : results_(results), json_(json) {}
+
+    bool json() const { return json_; }
+    Output& output() { return results_; }
+    // For people, at once; nothing when programs are to read it.
+    void Say(const std::string& text);
+    // For programs, at the end. Null stays null until something is known.
+    Json result = nullptr;
+
+    // The document, once; `failure` is null when all went well.
+    void Finish(const Arguments& arguments, const Failure* failure);
+
+private:
+    Output& results_;
+    bool json_;
+    bool finished_ = false;
+};
+
+#endif
