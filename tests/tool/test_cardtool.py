@@ -14,8 +14,10 @@ import re
 import select
 import shlex
 import shutil
+import signal
 import subprocess
 import tempfile
+import time
 import unittest
 
 import jsonschema
@@ -27,12 +29,14 @@ SECTORS = 1000  # a size that no round number of sectors divides
 TIMEOUT = 120
 
 OK, UNEXPECTED, USAGE, NO_DEVICE, NOT_A_CARD = 0, 1, 2, 3, 4
-REMOVED, READ_ONLY, PERMISSION, INPUT_OUTPUT, REFUSED = 5, 7, 8, 9, 12
+REMOVED, BUSY, READ_ONLY, PERMISSION, INPUT_OUTPUT = 5, 6, 7, 8, 9
+MISMATCH, INTERRUPTED, REFUSED = 10, 11, 12
 
 SCHEMA = json.loads(
     (pathlib.Path(__file__).parents[2] / "docs" / "cardtool.schema.json").read_text())
 NAMES = {UNEXPECTED: "unexpected", USAGE: "usage", NO_DEVICE: "no-such-device",
          NOT_A_CARD: "not-a-card", REMOVED: "removed", READ_ONLY: "read-only",
+         BUSY: "busy", MISMATCH: "mismatch", INTERRUPTED: "interrupted",
          PERMISSION: "permission-denied", INPUT_OUTPUT: "input-output", REFUSED: "refused"}
 
 BANNER = "Wrapper low-level driver"  # begins the library's line on opening
@@ -241,7 +245,26 @@ class JsonTest(CardtoolTest):
 
     def test_transfers(self):
         result = self.document("read", DEVICE, "-o", self.path("out"), "--first", "10")["result"]
-        self.assertEqual(result, {"first": 10, "sectors": 990, "bytes": 990 * SECTOR})
+        self.assertEqual(result, {"first": 10, "sectors": 990, "bytes": 990 * SECTOR,
+                                  "moved_bytes": 990 * SECTOR, "verified": False})
+        source = self.file("in", pattern("new", 3))
+        result = self.document("write", DEVICE, "--yes", "-i", source)["result"]
+        self.assertEqual(result, {"first": 0, "sectors": 3, "bytes": 3 * SECTOR,
+                                  "moved_bytes": 3 * SECTOR, "verified": True})
+        result = self.document("verify", DEVICE, "-i", source)["result"]
+        self.assertTrue(result["verified"])
+        result = self.document("verify", DEVICE, "-i", source, "--first", "1",
+                               code=MISMATCH)["result"]
+        self.assertFalse(result["verified"])
+        self.document("backup", DEVICE, "-o", self.path("whole"))
+        self.document("restore", DEVICE, "-i", self.path("whole"), "--yes")
+
+    def test_a_transfer_that_stops_says_how_far_it_came(self):
+        sim = self.description(faults=[{"call": "read", "first": 3, "errno": "EIO"}])
+        result = self.document("backup", DEVICE, "-o", self.path("out"), sim=sim,
+                               code=INPUT_OUTPUT)["result"]
+        self.assertEqual(result["moved_bytes"], 512 * SECTOR)
+        self.assertFalse(result["verified"])
 
     def test_decode(self):
         result = self.document("decode", "--csd", "400e00325b590001dcff7f800a4040f1", "--cid",
@@ -306,7 +329,7 @@ class HelpTest(CardtoolTest):
             self.assertRegex(text, rf"(?m)^  {command} ")
         self.assertIn("cardtool read /dev/sdcarda", text)
         self.assertIn("standard error", text)
-        for code in (0, 1, 2, 3, 4, 5, 7, 8, 9, 12):
+        for code in (0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12):
             self.assertRegex(text, rf"(?m)^ *{code}  \w")
 
     def test_help_of_a_command(self):
@@ -824,6 +847,176 @@ class WriteTest(CardtoolTest):
         self.assertEqual(result.stdout, b"")
 
 
+class CompareTest(CardtoolTest):
+    """What is read back, and what goes on where it stopped."""
+
+    def test_verify(self):
+        source = self.file("in", self.content[20 * SECTOR : 500 * SECTOR])
+        self.succeed(self.on_card("verify", DEVICE, "-i", source, "--first", "20"))
+        self.succeed(self.on_card("verify", DEVICE, "-i", source, "--first", "25", "--skip", "5",
+                                  "--count", "300"))
+        wrong = bytearray(self.content)
+        for sector in (300, 301, 999):
+            wrong[sector * SECTOR + 511] ^= 1
+        result = self.on_card("verify", DEVICE, "-i", self.file("wrong", bytes(wrong)))
+        self.fail_with(MISMATCH, result, "3 sectors of", "first sector 300")
+        self.assert_card_unchanged()
+
+    def test_a_write_is_read_back(self):
+        data = pattern("new", 300)
+        source = self.file("in", data)
+        write = ["write", DEVICE, "--yes", "-i", source]
+        sim = self.description(faults=[{"call": "read", "errno": "EIO"}])
+        self.fail_with(INPUT_OUTPUT, self.on_card(*write, sim=sim), "comparing", "sector 0 after 0")
+        self.assertIn(b"wrote and compared 300 sectors", self.succeed(self.on_card(*write)))
+        result = self.on_card(*write, "--no-verify", sim=sim)
+        self.assertNotIn(b"compared", self.succeed(result))
+
+    def test_a_backup_is_read_back_and_restores(self):
+        copy = self.path("copy.img")
+        self.succeed(self.on_card("backup", DEVICE, "-o", copy))
+        self.assertTrue(pathlib.Path(copy).read_bytes() == self.content)
+        sim = self.description(faults=[{"call": "read", "first": 5, "errno": "EIO"}])
+        self.fail_with(INPUT_OUTPUT, self.on_card("backup", DEVICE, "-o", copy, sim=sim),
+                       "comparing", "sector 0 after 0")
+        self.succeed(self.on_card("backup", DEVICE, "-o", copy, "--no-verify", sim=sim))
+        self.image.write_bytes(bytes(len(self.content)))
+        self.succeed(self.on_card("restore", DEVICE, "-i", copy, "--yes"))
+        self.assert_card_unchanged()
+        self.fail_with(REFUSED, self.on_card("restore", DEVICE, "-i", copy))
+        short = self.file("short.img", self.content[:-SECTOR])
+        self.fail_with(USAGE, self.on_card("restore", DEVICE, "-i", short, "--yes"),
+                       "ends after 999 sectors")
+
+    def options_of(self, hint):
+        return re.search(r"go on with (--first .*)$", hint).group(1).split()
+
+    def test_a_read_that_stopped_goes_on_in_its_file(self):
+        sim = self.description(faults=[{"call": "read", "first": 3, "errno": "EIO"}])
+        for command in (["read", "--first", "7", "--count", "900"], ["read"], ["backup"]):
+            with self.subTest(command):
+                arguments = [command[0], DEVICE, "-o", self.path("out")]
+                lines = self.fail_with(INPUT_OUTPUT,
+                                       self.on_card(*arguments, *command[1:], sim=sim))
+                self.succeed(self.on_card(*arguments, *self.options_of(lines[1])))
+                wanted = self.content[7 * SECTOR : 907 * SECTOR] if command[1:] else self.content
+                self.assertTrue(pathlib.Path(self.path("out")).read_bytes() == wanted)
+
+    def test_a_write_that_stopped_goes_on(self):
+        data = pattern("new", 900)
+        source = self.file("in", data)
+        sim = self.description(faults=[{"call": "write", "first": 3, "errno": "EIO"}])
+        write = ["write", DEVICE, "--yes", "-i", source]
+        lines = self.fail_with(INPUT_OUTPUT, self.on_card(*write, "--first", "50", sim=sim))
+        self.succeed(self.on_card(*write, *self.options_of(lines[1])))
+        expected = self.content[: 50 * SECTOR] + data + self.content[950 * SECTOR :]
+        self.assertTrue(self.image.read_bytes() == expected)
+
+    def test_places_in_a_file_that_are_not_there(self):
+        source = self.file("in", bytes(10 * SECTOR))
+        for option in (["--skip", "10"], ["--skip", "11"], ["--count", "11"]):
+            result = self.on_card("write", DEVICE, "--yes", "-i", source, *option)
+            self.fail_with(USAGE, result, "10 sectors")
+        self.fail_with(USAGE, self.on_card("read", DEVICE, "-o", source, "--seek", "11"),
+                       "holds only 5120 bytes")
+        self.fail_with(USAGE, self.on_card("read", DEVICE, "-o", "-", "--seek", "1"))
+        self.fail_with(USAGE, self.on_card("backup", DEVICE, "-o", "-"))
+        self.assert_card_unchanged()
+
+
+class ProgressTest(CardtoolTest):
+    def lines(self, how, *command):
+        result = self.on_card(*command, "--progress", how)
+        self.succeed(result)
+        return result.stderr.decode().splitlines()
+
+    def test_json_lines_reach_the_whole(self):
+        source = self.file("in", pattern("new", 600))
+        shown = [json.loads(line) for line in
+                 self.lines("json", "write", DEVICE, "--yes", "-i", source) if line[0] == "{"]
+        self.assertEqual(shown[0]["phase"], "writing")
+        self.assertEqual(shown[-1]["phase"], "comparing")
+        # Written and read back is the whole.
+        self.assertEqual({line["total_bytes"] for line in shown}, {1200 * SECTOR})
+        self.assertEqual(shown[-1]["done_bytes"], 1200 * SECTOR)
+
+    def test_plain(self):
+        lines = self.lines("plain", "read", DEVICE, "-o", self.path("out"))
+        self.assertEqual(lines[-1], "reading: 512000 of 512000 bytes, 100 %")
+
+    def test_none_and_no_terminal(self):
+        read = ["read", DEVICE, "-o", self.path("out")]
+        self.assertEqual(len(self.lines("none", *read)), 1)  # the library's own
+        self.assertEqual(len(self.on_card(*read).stderr.splitlines()), 1)
+
+    def test_bar(self):
+        result = self.on_card("read", DEVICE, "-o", self.path("out"), "--progress", "bar")
+        bar = result.stderr.decode().split("\r")[-1]
+        self.assertRegex(bar, r"^reading +\[#{24}\] 100 % .*MB/s.* s left *\n$")
+        self.assertTrue(bar.isascii())
+
+
+class InterruptTest(CardtoolTest):
+    def start(self, *arguments, **options):
+        return subprocess.Popen([*TOOL, "--sim", str(self.image), *arguments],
+                                stderr=subprocess.PIPE, start_new_session=True, **options)
+
+    def end(self, process, number):
+        process.send_signal(number)
+        errors = process.communicate(timeout=TIMEOUT)[1].decode()
+        self.assertEqual(process.returncode, INTERRUPTED, errors)
+        return errors.splitlines()[-2:]
+
+    def test_a_transfer_says_how_far_and_goes_on(self):
+        with open(self.image, "r+b") as image:
+            image.truncate(2 << 30)
+        for number in (signal.SIGINT, signal.SIGTERM):
+            out = self.folder / "out"
+            process = self.start("read", DEVICE, "-o", str(out), "--progress", "plain",
+                                 stdout=subprocess.DEVNULL)
+            while b"reading:" not in process.stderr.readline():
+                pass
+            lines = self.end(process, number)
+            done = out.stat().st_size // SECTOR
+            self.assertTrue(0 < done < (2 << 30) // SECTOR)
+            self.assertIn(f"stopped at sector {done} after {done} of", lines[0])
+            self.assertIn(f"--first {done} --seek {done}", lines[1])
+            self.succeed(self.on_card("read", DEVICE, "-o", str(out), "--first", str(done),
+                                      "--seek", str(done), "--count", "9"))
+            self.assertEqual(out.stat().st_size, (done + 9) * SECTOR)
+
+    def test_while_input_is_waited_for(self):
+        process = self.start("write", DEVICE, "--yes", "-i", "-", "--json",
+                             stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        process.stderr.readline()  # the library's line on opening
+        self.wait_for_read(process.pid)
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(TIMEOUT), INTERRUPTED)
+        document = json.loads(process.stdout.read())
+        jsonschema.Draft202012Validator(SCHEMA).validate(document)
+        self.assertEqual(document["error"]["name"], "interrupted")
+        for stream in (process.stdin, process.stdout, process.stderr):
+            stream.close()
+        self.assert_card_unchanged()
+
+    def wait_for_read(self, pid):
+        """Until the process sleeps: it cannot, before it waits for input."""
+        for _ in range(200):
+            state = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()[0]
+            if state == "S":
+                return
+            time.sleep(0.02)
+
+    def test_at_the_question(self):
+        process = self.start("write", DEVICE, "-i", self.file("in", bytes(SECTOR)),
+                             stdin=subprocess.PIPE, stdout=subprocess.DEVNULL)
+        shown = b""
+        while b"Type yes: " not in shown:
+            shown += os.read(process.stderr.fileno(), 4096)
+        self.assertIn("interrupted", self.end(process, signal.SIGINT)[0])
+        self.assert_card_unchanged()
+
+
 class SimulationTest(CardtoolTest):
     def test_descriptions_that_cannot_be_used(self):
         good = {"driver": "ricoh-sd", "image": "card.img"}
@@ -906,7 +1099,7 @@ class SlotTest(CardtoolTest):
         busy = {"call": "ioctl", "request": "0x2000700d", "times": 10, "errno": "EBUSY"}
         arguments = ["read", self.NODE, "--direct", "-o", self.path("out")]
         result = self.on_card(*arguments, sim=self.slot(busy))
-        self.fail_with(INPUT_OUTPUT, result, "after 0 of 1000 sectors", "busy")
+        self.fail_with(BUSY, result, "after 0 of 1000 sectors", "busy")
 
     def test_an_eject_tells_how_far(self):
         eject = {"call": "ioctl", "request": "0x2000700d", "first": 2, "eject": self.NODE}

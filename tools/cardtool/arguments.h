@@ -20,6 +20,9 @@ enum class Command {
     FormatParams,
     Read,
     Write,
+    Verify,
+    Backup,
+    Restore,
     Rt,
     Ioctl,
 };
@@ -34,6 +37,9 @@ struct Arguments {
     std::optional<uint32_t> count;     // Read: how much; to the card's end when not set
     bool direct = false;               // Read, Write: by the driver's direct memory access
     bool yes = false;                  // Write, Ioctl: without asking
+    uint32_t in_file = 0;              // transfers: sector of the file to begin at
+    bool verify = true;                // Write, Backup, Restore: compare afterwards
+    std::string progress = "auto";     // transfers: how it is shown
     bool json = false;                 // one document instead of lines for people
     bool fields = false;               // Info: every field of the registers
     std::string cid;                   // Decode: registers in hexadecimal digits

@@ -8,6 +8,7 @@
 
 #include "sim/config.h"
 #include "tools/cardtool/info.h"
+#include "tools/cardtool/moves.h"
 #include "tools/cardtool/text.h"
 #include "tools/cardtool/transfer.h"
 
@@ -113,86 +114,6 @@ void ListNodes(Report& report)
     }
 }
 
-std::string Done(const char* what, const Range& range, const std::string& device)
-{
-    return std::string(what) + " " + SectorCount(range.count) + " of " + device + " from sector " +
-           std::to_string(range.first) + "\n";
-}
-
-Json RangeJson(const Range& range)
-{
-    return {{"first", range.first},
-            {"sectors", range.count},
-            {"bytes", uint64_t{range.count} * CARD_SECTOR_SIZE}};
-}
-
-void ReadCard(const Arguments& arguments, Device& device, Report& report)
-{
-    if (arguments.file == "-" && report.json()) {
-        throw Failure(ExitCode::Usage, "standard output cannot carry data and a document at once",
-                      "name a file with -o, or leave --json out");
-    }
-    const uint32_t there = SectorsFrom(device, arguments.first);
-    const Range range = {arguments.first, arguments.count.value_or(there), arguments.direct};
-    if (range.count > there) {
-        throw Failure(ExitCode::Usage,
-                      "there is only " + SectorCount(there) + " from sector " +
-                          std::to_string(range.first) + " to the end of " + device.path(),
-                      "give a smaller --count, or none to read to the end");
-    }
-    if (arguments.file == "-") {
-        ReadSectors(device, range, report.output());
-        return;
-    }
-    if (!arguments.sim.empty() && IsSameFile(arguments.file, arguments.sim)) {
-        throw Failure(ExitCode::Usage, arguments.file + " is the simulated card itself",
-                      "name another file with -o");
-    }
-    Output file(arguments.file);
-    ReadSectors(device, range, file);
-    file.Close();
-    report.Say(Done("read", range, device.path()));
-    report.result = RangeJson(range);
-}
-
-Range RangeFor(const Input& input, const Arguments& arguments, uint64_t room)
-{
-    if (input.size() > room) {
-        throw Failure(ExitCode::Usage,
-                      input.name() + " does not fit: from sector " +
-                          std::to_string(arguments.first) + " there is room for " +
-                          SectorCount(room / CARD_SECTOR_SIZE),
-                      "nothing was written; give a smaller --first or less input");
-    }
-    if (input.size() == 0 || input.size() % CARD_SECTOR_SIZE != 0) {
-        throw Failure(ExitCode::Usage,
-                      input.name() + " holds " + std::to_string(input.size()) +
-                          " bytes: that is no whole number of 512-byte sectors",
-                      "nothing was written; fill the input up with zeros (truncate -s %512 FILE)");
-    }
-    return {arguments.first, static_cast<uint32_t>(input.size() / CARD_SECTOR_SIZE),
-            arguments.direct};
-}
-
-void WriteCard(const Arguments& arguments, Device& device, Report& report)
-{
-    if (device.IsWriteProtected()) {
-        throw Failure(ExitCode::ReadOnly, "the card in " + device.path() + " is write-protected",
-                      "take the card out, slide its lock open, and try again");
-    }
-    const uint64_t room = uint64_t{SectorsFrom(device, arguments.first)} * CARD_SECTOR_SIZE;
-    Input input(arguments.file, room);
-    const Range range = RangeFor(input, arguments, room);
-    if (!arguments.yes) {
-        Confirm("Write " + SectorCount(range.count) + " to " + device.path() + " from sector " +
-                    std::to_string(range.first) + "? Type yes: ",
-                arguments.file == "-");
-    }
-    WriteSectors(device, range, input);
-    report.Say(Done("wrote", range, device.path()));
-    report.result = RangeJson(range);
-}
-
 void ShowFormatParams(uint32_t capacity, Report& report)
 {
     static constexpr const char* kFileSystems[] = {"FAT12", "FAT16", "FAT32", "exFAT"};
@@ -267,10 +188,15 @@ void RunCommand(const Arguments& arguments, Report& report)
             ShowStatus(device, report);
             break;
         case Command::Read:
+        case Command::Backup:
             ReadCard(arguments, device, report);
             break;
         case Command::Write:
+        case Command::Restore:
             WriteCard(arguments, device, report);
+            break;
+        case Command::Verify:
+            VerifyCard(arguments, device, report);
             break;
         case Command::Rt:
             ControlRt(arguments, device, report);

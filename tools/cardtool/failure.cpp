@@ -13,11 +13,32 @@ constexpr Kind kKinds[] = {
     {ExitCode::NoSuchDevice, "no-such-device", "no such device"},
     {ExitCode::NotACard, "not-a-card", "not a card: no device, or one that no back-end serves"},
     {ExitCode::Removed, "removed", "the card was taken out or exchanged"},
+    {ExitCode::Busy, "busy", "busy: the card is mounted or in use, or gave no answer in time"},
     {ExitCode::ReadOnly, "read-only", "the card is write-protected"},
     {ExitCode::PermissionDenied, "permission-denied", "permission denied"},
     {ExitCode::InputOutput, "input-output", "input/output error on the card or on a file"},
+    {ExitCode::Mismatch, "mismatch", "the card does not hold what it was compared with"},
+    {ExitCode::Interrupted, "interrupted", "interrupted by SIGINT or SIGTERM"},
     {ExitCode::Refused, "refused", "a write that was not confirmed with yes"},
 };
+
+const char* Advice(ExitCode code)
+{
+    switch (code) {
+        case ExitCode::NoSuchDevice:
+            return "check the name with ls -l, that a card is in, and that its driver is loaded";
+        case ExitCode::PermissionDenied:
+            return "run as root, or as a member of the group that ls -l shows for it";
+        case ExitCode::Busy:
+            return "end what else uses the card, wait a moment, and try again";
+        case ExitCode::ReadOnly:
+            return "take the card out, slide its lock open, and try again";
+        default:
+            return "take the card out, put it in firmly, and try again";
+    }
+}
+
+}  // namespace
 
 ExitCode KindOf(int error)
 {
@@ -31,28 +52,16 @@ ExitCode KindOf(int error)
         case EACCES:
         case EPERM:
             return ExitCode::PermissionDenied;
+        case EBUSY:
+        case EAGAIN:
+        case ETIMEDOUT:
+            return ExitCode::Busy;
         case EROFS:
             return ExitCode::ReadOnly;
         default:
             return ExitCode::InputOutput;
     }
 }
-
-const char* Advice(ExitCode code)
-{
-    switch (code) {
-        case ExitCode::NoSuchDevice:
-            return "check the name with ls -l, that a card is in, and that its driver is loaded";
-        case ExitCode::PermissionDenied:
-            return "run as root, or as a member of the group that ls -l shows for it";
-        case ExitCode::ReadOnly:
-            return "take the card out, slide its lock open, and try again";
-        default:
-            return "take the card out, put it in firmly, and try again";
-    }
-}
-
-}  // namespace
 
 std::span<const Kind> Kinds()
 {

@@ -17,9 +17,12 @@ enum class ExitCode : int {
     NoSuchDevice = 3,      // no node of that name, or nothing behind it
     NotACard = 4,          // a file that is no device, or a device that is no card
     Removed = 5,           // the card was taken out or exchanged meanwhile
+    Busy = 6,              // in use, or no answer in time
     ReadOnly = 7,          // a write to a protected card
     PermissionDenied = 8,  // the system does not let this user
     InputOutput = 9,       // a transfer, a query, or a file failed
+    Mismatch = 10,         // the card does not hold what it should
+    Interrupted = 11,      // by SIGINT or SIGTERM
     Refused = 12,          // the user did not answer yes
 };
 
@@ -34,6 +37,9 @@ std::string NameOf(ExitCode code);
 
 // The list of exit codes for --help.
 std::string ExitCodeText();
+
+// The kind of failure that an errno value of a device call means.
+ExitCode KindOf(int error);
 
 // A text of ours for a terminal: bytes that would drive one as \xNN.
 std::string ForTerminal(const std::string& text);

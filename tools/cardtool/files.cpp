@@ -3,14 +3,17 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "tools/cardtool/failure.h"
+#include "tools/cardtool/interrupt.h"
 
 namespace {
 
@@ -24,6 +27,14 @@ Failure FileFailure(const std::string& what, int error, const std::string& next)
             what + ": " + std::strerror(error), next};
 }
 
+// A pipe that is ready takes so much at once without making the writer wait.
+size_t WritePiece(int fd, size_t length)
+{
+    struct stat64 file = {};
+    const bool is_file = fstat64(fd, &file) == 0 && S_ISREG(file.st_mode);
+    return is_file ? length : std::min<size_t>(length, PIPE_BUF);
+}
+
 }  // namespace
 
 Output::Output(const std::string& path)
@@ -31,6 +42,21 @@ Output::Output(const std::string& path)
 {
     if (fd_ < 0) {
         throw FileFailure("cannot create " + path, errno, "name another file with -o");
+    }
+}
+
+Output::Output(const std::string& path, uint64_t start)
+    : fd_(open64(path.c_str(), O_WRONLY | O_CLOEXEC)), name_(path)
+{
+    struct stat64 file = {};
+    if (fd_ < 0 || fstat64(fd_, &file) != 0 ||
+        lseek64(fd_, static_cast<off64_t>(start), SEEK_SET) < 0) {
+        throw FileFailure("cannot go on in " + path, errno, "name the file that was begun");
+    }
+    if (static_cast<uint64_t>(file.st_size) < start) {
+        throw Failure(ExitCode::Usage,
+                      path + " holds only " + std::to_string(file.st_size) + " bytes",
+                      "give a smaller --seek, and --first to match");
     }
 }
 
@@ -45,13 +71,26 @@ void Output::Write(const void* data, size_t length)
 {
     const auto* bytes = static_cast<const uint8_t*>(data);
     while (length > 0) {
-        const ssize_t moved = write(fd_, bytes, length);
+        if (!WaitFor(fd_, POLLOUT)) {
+            throw Failure(ExitCode::Interrupted, "interrupted while writing to " + name_,
+                          "what is there is not complete; start again");
+        }
+        const ssize_t moved = write(fd_, bytes, WritePiece(fd_, length));
         if (moved < 0) {
             throw FileFailure("cannot write to " + name_, errno,
                               "what is there is not complete; make room or choose another place");
         }
         bytes += moved;
         length -= static_cast<size_t>(moved);
+    }
+}
+
+void Output::Sync()
+{
+    // Pipes and the like have nothing to wait for.
+    if (fsync(fd_) != 0 && errno != EINVAL && errno != EROFS && errno != EBADF) {
+        throw FileFailure("cannot complete " + name_, errno,
+                          "what is there is not complete; make room or choose another place");
     }
 }
 
@@ -100,6 +139,10 @@ void Input::ReadAll(uint64_t room)
 {
     in_memory_ = true;
     while (size_ <= room) {
+        if (Interrupted() || !WaitFor(fd_, POLLIN)) {
+            throw Failure(ExitCode::Interrupted, "interrupted while reading " + name_,
+                          "nothing was written; start again when the input is there");
+        }
         const auto piece = static_cast<size_t>(std::min<uint64_t>(kPiece, room + 1 - size_));
         memory_.resize(static_cast<size_t>(size_) + piece);
         const size_t got = ReadSome(memory_.data() + size_, piece);
@@ -107,6 +150,15 @@ void Input::ReadAll(uint64_t room)
         if (got == 0) {
             break;
         }
+    }
+}
+
+void Input::Seek(uint64_t position)
+{
+    if (in_memory_) {
+        taken_ = static_cast<size_t>(position);
+    } else if (lseek64(fd_, static_cast<off64_t>(position), SEEK_SET) < 0) {
+        throw FileFailure("cannot read " + name_, errno, "check what was given with -i");
     }
 }
 
@@ -134,7 +186,7 @@ static std::string ReadLine(int fd)
 {
     std::string line;
     char c = 0;
-    while (line.size() < 80 && read(fd, &c, 1) == 1 && c != '\n') {
+    while (line.size() < 80 && WaitFor(fd, POLLIN) && read(fd, &c, 1) == 1 && c != '\n') {
         line += c;
     }
     return line;
@@ -156,6 +208,10 @@ void Confirm(const std::string& question, bool stdin_is_data)
         close(terminal);
     } else {
         std::fputc('\n', stderr);  // nobody's Enter key has ended the line
+    }
+    if (Interrupted()) {
+        throw Failure(ExitCode::Interrupted, "interrupted before the answer",
+                      "nothing was written; repeat and type yes, or add --yes");
     }
     if (answer != "yes") {
         throw Failure(ExitCode::Refused, "the answer was not \"yes\"",

@@ -16,6 +16,8 @@ public:
     Output(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
     // A file, made or emptied.
     explicit Output(const std::string& path);
+    // A file that is there, from that byte on; nothing else of it changes.
+    Output(const std::string& path, uint64_t start);
     ~Output();
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -23,6 +25,8 @@ public:
     // All of it, or a Failure.
     void Write(const void* data, size_t length);
     void Write(const std::string& text) { Write(text.data(), text.size()); }
+    // Down to the disk, where it is one.
+    void Sync();
     // The file system's last word on what was written.
     void Close();
 
@@ -44,6 +48,8 @@ public:
 
     const std::string& name() const { return name_; }
     uint64_t size() const { return size_; }
+    // Where the next bytes come from, counted from the first.
+    void Seek(uint64_t position);
     // The next bytes; a Failure when they cannot be had.
     void Read(void* to, size_t length);
 

@@ -14,6 +14,7 @@
 #include "tools/cardtool/arguments.h"
 #include "tools/cardtool/commands.h"
 #include "tools/cardtool/failure.h"
+#include "tools/cardtool/interrupt.h"
 
 namespace {
 
@@ -37,12 +38,13 @@ int End(const Failure& failure, const Arguments& arguments, Report& report)
 {
     std::fprintf(stderr, "cardtool: %s\ncardtool: %s\n", ForTerminal(failure.what()).c_str(),
                  ForTerminal(failure.next()).c_str());
+    const int code = static_cast<int>(failure.code());
     try {
         report.Finish(arguments, &failure);
     } catch (const Failure&) {
-        // Standard output is what failed, then.
+        return code;  // standard output is what failed, then
     }
-    return static_cast<int>(failure.code());
+    return code;
 }
 
 Failure NoMemory()
@@ -84,6 +86,7 @@ int main(int argc, char** argv)
 {
     // A reader that goes away is a failed write, so that the device is closed.
     std::signal(SIGPIPE, SIG_IGN);
+    HoldSignals();
     const int results = SetResultsApart();
     // Drivers take 32-bit addresses, also of what lies on the stack.
     return cardsim::RunOnLowStack([&] { return Run(argc, argv, results); });

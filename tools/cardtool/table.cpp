@@ -76,6 +76,39 @@ constexpr Option kGlobal[] = {
      [](Arguments& arguments, const std::string&) { arguments.json = true; }},
 };
 
+constexpr Option kSeek = {"--seek",
+                          "SECTORS",
+                          "go on in a file that was begun, behind so many sectors",
+                          false,
+                          nullptr,
+                          [](Arguments& arguments, const std::string& value) {
+                              arguments.in_file = Number("--seek", value);
+                          }};
+
+constexpr Option kSkip = {"--skip",
+                          "SECTORS",
+                          "leave out so many sectors at the file's start",
+                          false,
+                          nullptr,
+                          [](Arguments& arguments, const std::string& value) {
+                              arguments.in_file = Number("--skip", value);
+                          }};
+
+constexpr Option kNoVerify = {"--no-verify",
+                              nullptr,
+                              "do not read back and compare afterwards",
+                              false,
+                              nullptr,
+                              [](Arguments& arguments, const std::string&) { arguments.verify = false; }};
+
+constexpr Option kProgress = {
+    "--progress",
+    "HOW",
+    "how to show progress; a bar on a terminal if not given",
+    false,
+    "bar plain json none",
+    [](Arguments& arguments, const std::string& value) { arguments.progress = value; }};
+
 constexpr Option kInfoOptions[] = {
     {"--fields", nullptr, "show every field of the registers: bits, raw number, value", false,
      nullptr, [](Arguments& arguments, const std::string&) { arguments.fields = true; }},
@@ -105,8 +138,19 @@ constexpr Option kIoctlOptions[] = {
      }},
     kYes,
 };
-constexpr Option kReadOptions[] = {kFirst, kCount, kDirect, kOutput};
-constexpr Option kWriteOptions[] = {kFirst, kInput, kDirect, kYes};
+constexpr Option kReadOptions[] = {kFirst, kCount, kDirect, kOutput, kSeek, kProgress};
+constexpr Option kWriteOptions[] = {kFirst,  kCount, kInput,    kSkip,
+                                    kDirect, kYes,   kNoVerify, kProgress};
+constexpr Option kVerifyOptions[] = {kFirst, kCount, kInput, kSkip, kDirect, kProgress};
+constexpr Option kBackupOptions[] = {kOutput, kFirst, kSeek, kDirect, kNoVerify, kProgress};
+constexpr Option kRestoreOptions[] = {kInput, kFirst, kSkip, kDirect, kYes, kNoVerify, kProgress};
+constexpr Example kVerifyExamples[] = {{"cardtool verify /dev/sdcarda -i boot.bin --first 2048",
+                                        "Does the card hold what the file does?"}};
+constexpr Example kBackupExamples[] = {
+    {"cardtool backup /dev/sdcarda -o card.img", "Copy a whole card, and compare the copy."}};
+constexpr Example kRestoreExamples[] = {
+    {"cardtool restore /dev/sdcarda -i card.img",
+     "Put the copy of a card on a card of the same size, and compare."}};
 
 constexpr Example kListExamples[] = {{"cardtool list", "Which card nodes are there?"}};
 constexpr Example kDecodeExamples[] = {{"cardtool decode --cid 02544d534131364743001af44c0129e9",
@@ -178,6 +222,12 @@ const CommandEntry kCommands[] = {
      kReadExamples},
     {Command::Write, "write", "Copy a file over sectors of the card, after a question",
      Operand::Device, kWriteOptions, kWriteExamples},
+    {Command::Verify, "verify", "Compare sectors of the card with a file", Operand::Device,
+     kVerifyOptions, kVerifyExamples},
+    {Command::Backup, "backup", "Copy the whole card into a file, and compare", Operand::Device,
+     kBackupOptions, kBackupExamples},
+    {Command::Restore, "restore", "Copy a file over the whole card, after a question, and compare",
+     Operand::Device, kRestoreOptions, kRestoreExamples},
     {Command::Rt, "rt", "Show or lock real time of the card slots", Operand::Device, kRtOptions,
      kRtExamples},
     {Command::Ioctl, "ioctl", "Send a card command through the driver, after a question",

@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "sim/low_memory.h"
 #include "tools/cardtool/failure.h"
+#include "tools/cardtool/interrupt.h"
 
 namespace {
 
@@ -20,17 +22,73 @@ std::string Reason(int error)
     return error == 0 ? "the driver moved only part of it" : std::strerror(error);
 }
 
-Failure Stopped(const std::string& what, Range range, uint32_t done, int error,
+std::string HowFar(const std::string& what, const Range& range, uint32_t done)
+{
+    return what + " stopped at sector " + std::to_string(range.first + done) + " after " +
+           std::to_string(done) + " of " + SectorCount(range.count) + ": ";
+}
+
+// The options that lead to the rest.
+std::string GoOn(const Range& range, uint32_t done)
+{
+    std::string options = "go on with --first " + std::to_string(range.first + done);
+    if (range.file_option != nullptr) {
+        options +=
+            std::string(" ") + range.file_option + " " + std::to_string(range.in_file + done);
+    }
+    if (range.limited) {
+        options += " --count " + std::to_string(range.count - done);
+    }
+    return options;
+}
+
+Failure Stopped(const std::string& what, const Range& range, uint32_t done, int error,
                 const std::string& next)
 {
-    const ExitCode code = error == EROFS       ? ExitCode::ReadOnly
-                          : error == ENOMEDIUM ? ExitCode::Removed
-                                               : ExitCode::InputOutput;
-    return {code,
-            what + " stopped at sector " + std::to_string(range.first + done) + " after " +
-                std::to_string(done) + " of " + SectorCount(range.count) + ": " + Reason(error),
-            next};
+    const ExitCode code = error == ENOMEDIUM                ? ExitCode::Removed
+                          : KindOf(error) == ExitCode::Busy ? ExitCode::Busy
+                          : error == EROFS                  ? ExitCode::ReadOnly
+                                                            : ExitCode::InputOutput;
+    return {code, HowFar(what, range, done) + Reason(error), next + GoOn(range, done)};
 }
+
+// Between two requests, when nothing is under way.
+void StopIfInterrupted(const std::string& what, const Range& range, uint32_t done)
+{
+    if (Interrupted()) {
+        throw Failure(ExitCode::Interrupted, HowFar(what, range, done) + "interrupted",
+                      GoOn(range, done));
+    }
+}
+
+void Note(Progress* progress, uint32_t sectors)
+{
+    if (progress != nullptr) {
+        progress->Moved(sectors);
+    }
+}
+
+Moved ReadSome(Device& device, const Range& range, uint32_t done, uint32_t asked, void* to)
+{
+    return range.direct ? device.DirectRead(range.first + done, asked, to)
+                        : device.Read(range.first + done, asked, to);
+}
+
+// What a comparison has found so far.
+struct Differences {
+    uint32_t sectors = 0;
+    uint32_t first = 0;
+
+    void Add(const uint8_t* one, const uint8_t* other, uint32_t from, uint32_t count)
+    {
+        for (uint32_t i = 0; i < count; i++) {
+            const size_t at = size_t{i} * CARD_SECTOR_SIZE;
+            if (std::memcmp(one + at, other + at, CARD_SECTOR_SIZE) != 0 && sectors++ == 0) {
+                first = from + i;
+            }
+        }
+    }
+};
 
 }  // namespace
 
@@ -55,41 +113,70 @@ uint32_t SectorsFrom(Device& device, uint32_t first)
     return sectors - first;
 }
 
-void ReadSectors(Device& device, Range range, Output& output)
+void ReadSectors(Device& device, Range range, Output& output, Progress* progress)
 {
     const cardsim::LowBuffer buffer(size_t{kChunkSectors} * CARD_SECTOR_SIZE);
+    const std::string what = "reading " + device.path();
     uint32_t done = 0;
     while (done < range.count) {
+        StopIfInterrupted(what, range, done);
         const uint32_t asked = std::min(kChunkSectors, range.count - done);
-        const Moved moved = range.direct
-                                ? device.DirectRead(range.first + done, asked, buffer.data())
-                                : device.Read(range.first + done, asked, buffer.data());
+        const Moved moved = ReadSome(device, range, done, asked, buffer.data());
         output.Write(buffer.data(), size_t{moved.sectors} * CARD_SECTOR_SIZE);
         done += moved.sectors;
+        Note(progress, moved.sectors);
         if (moved.sectors < asked) {
-            throw Stopped("reading " + device.path(), range, done, moved.error,
-                          "those before it are in the output; check the card's seat and go on "
-                          "with --first " +
-                              std::to_string(range.first + done));
+            throw Stopped(what, range, done, moved.error,
+                          "those before it are in the output; check the card's seat and ");
         }
     }
 }
 
-void WriteSectors(Device& device, Range range, Input& input)
+void WriteSectors(Device& device, Range range, Input& input, Progress* progress)
 {
     const cardsim::LowBuffer buffer(size_t{kChunkSectors} * CARD_SECTOR_SIZE);
+    const std::string what = "writing " + device.path();
     uint32_t done = 0;
     while (done < range.count) {
+        StopIfInterrupted(what, range, done);
         const uint32_t asked = std::min(kChunkSectors, range.count - done);
         input.Read(buffer.data(), size_t{asked} * CARD_SECTOR_SIZE);
         const Moved moved = range.direct
                                 ? device.DirectWrite(range.first + done, asked, buffer.data())
                                 : device.Write(range.first + done, asked, buffer.data());
         done += moved.sectors;
+        Note(progress, moved.sectors);
         if (moved.sectors < asked) {
-            throw Stopped("writing " + device.path(), range, done, moved.error,
-                          "those from it on may hold old or new data; check the card's seat and "
-                          "write again");
+            throw Stopped(what, range, done, moved.error,
+                          "those from it on may hold old or new data; check the card's seat and ");
         }
+    }
+}
+
+void CompareSectors(Device& device, Range range, Input& input, Progress* progress)
+{
+    const cardsim::LowBuffer buffer(size_t{kChunkSectors} * CARD_SECTOR_SIZE);
+    std::vector<uint8_t> wanted(buffer.size());
+    const std::string what = "comparing " + device.path();
+    Differences found;
+    uint32_t done = 0;
+    while (done < range.count) {
+        StopIfInterrupted(what, range, done);
+        const uint32_t asked = std::min(kChunkSectors, range.count - done);
+        input.Read(wanted.data(), size_t{asked} * CARD_SECTOR_SIZE);
+        const Moved moved = ReadSome(device, range, done, asked, buffer.data());
+        found.Add(buffer.data(), wanted.data(), range.first + done, moved.sectors);
+        done += moved.sectors;
+        Note(progress, moved.sectors);
+        if (moved.sectors < asked) {
+            throw Stopped(what, range, done, moved.error,
+                          "the rest was not compared; check the card's seat and ");
+        }
+    }
+    if (found.sectors > 0) {
+        throw Failure(ExitCode::Mismatch,
+                      SectorCount(found.sectors) + " of " + device.path() + " differ from " +
+                          input.name() + ", first sector " + std::to_string(found.first),
+                      "write again and compare; a card that differs again is worn out or forged");
     }
 }

@@ -9,12 +9,16 @@
 
 #include "tools/cardtool/device.h"
 #include "tools/cardtool/files.h"
+#include "tools/cardtool/progress.h"
 
 // A run of sectors that lies on the card, and how it is moved.
 struct Range {
     uint32_t first;
     uint32_t count;
-    bool direct = false;  // by the driver's direct memory access
+    bool direct = false;                // by the driver's direct memory access
+    uint32_t in_file = 0;               // sector of the file where the run stands
+    const char* file_option = nullptr;  // what moves that: "--skip" or "--seek"
+    bool limited = false;               // an earlier end than the card's was asked for
 };
 
 // "1 sector", "2 sectors"
@@ -23,7 +27,10 @@ std::string SectorCount(uint64_t count);
 // Sectors from `first` to the card's end. A Failure when there are none.
 uint32_t SectorsFrom(Device& device, uint32_t first);
 
-void ReadSectors(Device& device, Range range, Output& output);
-void WriteSectors(Device& device, Range range, Input& input);
+// `progress` may be null.
+void ReadSectors(Device& device, Range range, Output& output, Progress* progress = nullptr);
+void WriteSectors(Device& device, Range range, Input& input, Progress* progress = nullptr);
+// Read the sectors again and compare. A Failure that says how many differ.
+void CompareSectors(Device& device, Range range, Input& input, Progress* progress = nullptr);
 
 #endif
