@@ -302,6 +302,18 @@ class JsonTest(CardtoolTest):
             "UHS_SPEED_GRADE": 30, "VIDEO_SPEED_CLASS": 30, "APP_PERF_CLASS": "A1",
             "DISCARD_SUPPORT": True, "FULE_SUPPORT": False})
 
+    def test_bench(self):
+        sim = self.description({"driver": "zel", "unit": 0})
+        for command in (["bench", "/dev/spda"], ["bench", "/dev/spda", "--direct"]):
+            result = self.document(*command, "--count", "600", sim=sim)["result"]
+            self.assertEqual(result["bytes"], 600 * SECTOR)
+            self.assertEqual(result["direct"], "--direct" in command)
+            self.assertGreater(result["bytes_per_second"], 0)
+            self.assertLessEqual(result["request_median_us"], result["request_longest_us"])
+        sim = self.description(faults=[{"call": "read", "errno": "EIO", "first": 2}])
+        self.document("bench", DEVICE, sim=sim, code=INPUT_OUTPUT)
+        self.assert_card_unchanged()
+
     def test_real_time_control(self):
         sim = self.description({"driver": "zel", "unit": 0})
         before = self.document("rt", "/dev/spda", sim=sim)["result"]

@@ -23,6 +23,7 @@ enum class Command {
     Verify,
     Backup,
     Restore,
+    Bench,
     Rt,
     Ioctl,
 };

@@ -198,6 +198,9 @@ void RunCommand(const Arguments& arguments, Report& report)
         case Command::Verify:
             VerifyCard(arguments, device, report);
             break;
+        case Command::Bench:
+            BenchCard(arguments, device, report);
+            break;
         case Command::Rt:
             ControlRt(arguments, device, report);
             break;

@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "tools/cardtool/mounts.h"
+#include "tools/cardtool/text.h"
 #include "tools/cardtool/transfer.h"
 
 namespace {
@@ -203,4 +204,24 @@ void VerifyCard(const Arguments& arguments, Device& device, Report& report)
     report.result = RangeJson(range);
     Compare(device, range, input, progress, report);
     report.Say(Done("compared", range, device.path()));
+}
+
+// Nothing is written: the card may be one that somebody needs.
+void BenchCard(const Arguments& arguments, Device& device, Report& report)
+{
+    const Range range = CardRange(arguments, device);
+    const Timing timing = TimeReads(device, range);
+    const double rate = static_cast<double>(timing.bytes) / timing.seconds;
+    report.Say(Done("read", range, device.path()) +
+               Line("rate", std::to_string(static_cast<uint64_t>(rate)) + " bytes/s") +
+               Line("request", "median " + std::to_string(timing.median_us) + " us, longest " +
+                                   std::to_string(timing.longest_us) + " us"));
+    report.result = {{"first", range.first},
+                     {"sectors", range.count},
+                     {"bytes", timing.bytes},
+                     {"direct", range.direct},
+                     {"microseconds", static_cast<uint64_t>(timing.seconds * 1e6)},
+                     {"bytes_per_second", static_cast<uint64_t>(rate)},
+                     {"request_median_us", timing.median_us},
+                     {"request_longest_us", timing.longest_us}};
 }

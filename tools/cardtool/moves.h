@@ -11,5 +11,6 @@
 void ReadCard(const Arguments& arguments, Device& device, Report& report);    // read, backup
 void WriteCard(const Arguments& arguments, Device& device, Report& report);   // write, restore
 void VerifyCard(const Arguments& arguments, Device& device, Report& report);  // verify
+void BenchCard(const Arguments& arguments, Device& device, Report& report);   // bench
 
 #endif

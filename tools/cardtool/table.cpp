@@ -144,6 +144,10 @@ constexpr Option kWriteOptions[] = {kFirst,  kCount, kInput,    kSkip,
 constexpr Option kVerifyOptions[] = {kFirst, kCount, kInput, kSkip, kDirect, kProgress};
 constexpr Option kBackupOptions[] = {kOutput, kFirst, kSeek, kDirect, kNoVerify, kProgress};
 constexpr Option kRestoreOptions[] = {kInput, kFirst, kSkip, kDirect, kYes, kNoVerify, kProgress};
+constexpr Option kBenchOptions[] = {kFirst, kCount, kDirect};
+constexpr Example kBenchExamples[] = {
+    {"cardtool bench /dev/spda --direct --count 65536",
+     "How fast are 32 MiB of the card read? Nothing is written."}};
 constexpr Example kVerifyExamples[] = {{"cardtool verify /dev/sdcarda -i boot.bin --first 2048",
                                         "Does the card hold what the file does?"}};
 constexpr Example kBackupExamples[] = {
@@ -228,6 +232,8 @@ const CommandEntry kCommands[] = {
      kBackupOptions, kBackupExamples},
     {Command::Restore, "restore", "Copy a file over the whole card, after a question, and compare",
      Operand::Device, kRestoreOptions, kRestoreExamples},
+    {Command::Bench, "bench", "Measure how fast sectors of the card are read", Operand::Device,
+     kBenchOptions, kBenchExamples},
     {Command::Rt, "rt", "Show or lock real time of the card slots", Operand::Device, kRtOptions,
      kRtExamples},
     {Command::Ioctl, "ioctl", "Send a card command through the driver, after a question",

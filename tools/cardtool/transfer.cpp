@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
@@ -179,4 +180,32 @@ void CompareSectors(Device& device, Range range, Input& input, Progress* progres
                           input.name() + ", first sector " + std::to_string(found.first),
                       "write again and compare; a card that differs again is worn out or forged");
     }
+}
+
+Timing TimeReads(Device& device, Range range)
+{
+    using Clock = std::chrono::steady_clock;
+    const cardsim::LowBuffer buffer(size_t{kChunkSectors} * CARD_SECTOR_SIZE);
+    const std::string what = "reading " + device.path();
+    std::vector<uint64_t> requests;
+    const Clock::time_point begin = Clock::now();
+    uint32_t done = 0;
+    while (done < range.count) {
+        StopIfInterrupted(what, range, done);
+        const uint32_t asked = std::min(kChunkSectors, range.count - done);
+        const Clock::time_point start = Clock::now();
+        const Moved moved = ReadSome(device, range, done, asked, buffer.data());
+        const auto took =
+            std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start);
+        requests.push_back(static_cast<uint64_t>(took.count()));
+        done += moved.sectors;
+        if (moved.sectors < asked) {
+            throw Stopped(what, range, done, moved.error, "check the card's seat and ");
+        }
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
+    std::sort(requests.begin(), requests.end());
+    // A clock may stand still for a moment.
+    return {uint64_t{done} * CARD_SECTOR_SIZE, std::max(seconds, 1e-6),
+            requests[requests.size() / 2], requests.back()};
 }

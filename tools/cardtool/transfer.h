@@ -33,4 +33,14 @@ void WriteSectors(Device& device, Range range, Input& input, Progress* progress 
 // Read the sectors again and compare. A Failure that says how many differ.
 void CompareSectors(Device& device, Range range, Input& input, Progress* progress = nullptr);
 
+// How long the reads of a run took.
+struct Timing {
+    uint64_t bytes;
+    double seconds;  // above 0
+    uint64_t median_us;
+    uint64_t longest_us;
+};
+
+Timing TimeReads(Device& device, Range range);
+
 #endif
