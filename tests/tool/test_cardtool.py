@@ -314,6 +314,21 @@ class JsonTest(CardtoolTest):
         self.document("bench", DEVICE, sim=sim, code=INPUT_OUTPUT)
         self.assert_card_unchanged()
 
+    def test_watch(self):
+        watch = ["watch", "/dev/spda", "--interval", "1"]
+        sim = self.description({"driver": "zel", "unit": 0})
+        self.assertEqual(self.document(*watch, "--looks", "3", sim=sim)["result"],
+                         {"ready": True, "removed": False, "looks": 3})
+        eject = {"call": "ioctl", "node": "/dev/spdra", "first": 12, "eject": "/dev/spda"}
+        sim = self.description({"driver": "zel", "unit": 0}, [eject])
+        result = self.document(*watch, sim=sim)["result"]
+        self.assertTrue(result["ready"] and result["removed"])
+        self.assertGreater(result["looks"], 1)
+        self.assertEqual(self.succeed(self.on_card(*watch, sim=sim)),
+                         b"state: ready\nthe card was taken out or exchanged\n")
+        self.document("watch", DEVICE, code=INPUT_OUTPUT)
+        self.document("watch", "/dev/spda", "--interval", "60001", sim=sim, code=USAGE)
+
     def test_real_time_control(self):
         sim = self.description({"driver": "zel", "unit": 0})
         before = self.document("rt", "/dev/spda", sim=sim)["result"]

@@ -24,6 +24,7 @@ enum class Command {
     Backup,
     Restore,
     Bench,
+    Watch,
     Rt,
     Ioctl,
 };
@@ -48,6 +49,8 @@ struct Arguments {
     std::string scr;
     std::string sd_status;
     std::optional<std::string> rt;  // Rt: "lock" or "unlock"; only look when not set
+    std::optional<uint32_t> looks;  // Watch: how many; to the eject when not set
+    uint32_t interval = 500;        // Watch: milliseconds between two
     uint32_t number = 0;            // Ioctl: which command
     uint32_t argument = 0;          // Ioctl: its argument
 };

@@ -42,6 +42,8 @@ public:
     const DrvInfo& handle() const { return handle_; }
 
     uint32_t Sectors();
+    // Whether the back-end can tell that a card has left.
+    bool NoticesEjects() const { return type() != DEV_TYPE_RICOH_SD; }
     bool IsWriteProtected();
     uint16_t Status();
     CardInfo Info();

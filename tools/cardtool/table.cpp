@@ -144,6 +144,23 @@ constexpr Option kWriteOptions[] = {kFirst,  kCount, kInput,    kSkip,
 constexpr Option kVerifyOptions[] = {kFirst, kCount, kInput, kSkip, kDirect, kProgress};
 constexpr Option kBackupOptions[] = {kOutput, kFirst, kSeek, kDirect, kNoVerify, kProgress};
 constexpr Option kRestoreOptions[] = {kInput, kFirst, kSkip, kDirect, kYes, kNoVerify, kProgress};
+constexpr Option kWatchOptions[] = {
+    {"--looks", "NUMBER", "end after so many looks; only with the eject if not given", false,
+     nullptr,
+     [](Arguments& arguments, const std::string& value) {
+         arguments.looks = Number("--looks", value);
+     }},
+    {"--interval", "MS", "milliseconds between two looks, up to 60000 (default: 500)", false,
+     nullptr,
+     [](Arguments& arguments, const std::string& value) {
+         arguments.interval = Number("--interval", value);
+         if (arguments.interval > 60000) {
+             throw Failure(ExitCode::Usage, "--interval: that is more than a minute", kSeeHelp);
+         }
+     }},
+};
+constexpr Example kWatchExamples[] = {
+    {"cardtool watch /dev/spda", "Show the card's state, and wait until it is taken out."}};
 constexpr Option kBenchOptions[] = {kFirst, kCount, kDirect};
 constexpr Example kBenchExamples[] = {
     {"cardtool bench /dev/spda --direct --count 65536",
@@ -234,6 +251,8 @@ const CommandEntry kCommands[] = {
      Operand::Device, kRestoreOptions, kRestoreExamples},
     {Command::Bench, "bench", "Measure how fast sectors of the card are read", Operand::Device,
      kBenchOptions, kBenchExamples},
+    {Command::Watch, "watch", "Show the card's state and wait for its eject", Operand::Device,
+     kWatchOptions, kWatchExamples},
     {Command::Rt, "rt", "Show or lock real time of the card slots", Operand::Device, kRtOptions,
      kRtExamples},
     {Command::Ioctl, "ioctl", "Send a card command through the driver, after a question",
