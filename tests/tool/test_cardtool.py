@@ -1026,6 +1026,19 @@ class InterruptTest(CardtoolTest):
             stream.close()
         self.assert_card_unchanged()
 
+    def test_what_is_ignored_stays_so(self):
+        command = shlex.join([*TOOL, "--sim", str(self.image), "write", DEVICE, "-i",
+                              self.file("in", bytes(SECTOR))])
+        process = subprocess.Popen(["sh", "-c", f"trap '' INT; exec {command}"],
+                                   stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.PIPE, start_new_session=True)
+        shown = b""
+        while b"Type yes: " not in shown:
+            shown += os.read(process.stderr.fileno(), 4096)
+        process.send_signal(signal.SIGINT)
+        process.communicate(b"no\n", timeout=TIMEOUT)
+        self.assertEqual(process.returncode, REFUSED)
+
     def wait_for_read(self, pid):
         """Until the process sleeps: it cannot, before it waits for input."""
         for _ in range(200):

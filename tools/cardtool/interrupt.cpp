@@ -16,28 +16,23 @@ void Note(int)
     caught = 1;
 }
 
-sigset_t Both()
-{
-    sigset_t both;
-    sigemptyset(&both);
-    sigaddset(&both, SIGINT);
-    sigaddset(&both, SIGTERM);
-    return both;
-}
-
 }  // namespace
 
 void HoldSignals()
 {
-    const sigset_t both = Both();
-    pthread_sigmask(SIG_BLOCK, &both, nullptr);
     struct sigaction action = {};
     action.sa_handler = Note;  // no SA_RESTART: what waits is to end
     sigemptyset(&action.sa_mask);
     for (const int signal : {SIGINT, SIGTERM}) {
         struct sigaction before = {};
         sigaction(signal, nullptr, &before);
-        if (before.sa_handler != SIG_IGN) {  // as a shell asks for it in the background
+        // What the shell has us ignore, as in the background, must not be held back:
+        // it would count as waiting.
+        if (before.sa_handler != SIG_IGN) {
+            sigset_t one;
+            sigemptyset(&one);
+            sigaddset(&one, signal);
+            pthread_sigmask(SIG_BLOCK, &one, nullptr);
             sigaction(signal, &action, nullptr);
         }
     }
