@@ -17,9 +17,9 @@ ARGUMENTS = None
 # is a new dependency: think twice before adding it.
 LIBC = {
     "__errno_location", "close", "free", "ioctl", "lseek64", "malloc", "memchr", "memcpy",
-    "flockfile", "funlockfile", "memset", "nanosleep", "open64", "poll", "printf", "pthread_mutex_init",
+    "memset", "nanosleep", "open64", "poll", "printf", "pthread_mutex_init",
     "pthread_mutex_lock", "pthread_mutex_unlock", "puts", "read", "snprintf", "stat64", "stdout", "strerror",
-    "vfprintf", "vprintf", "write", "__stat64_time64", "gnu_dev_major", "gnu_dev_minor",
+    "vfprintf", "vprintf", "vsnprintf", "write", "__stat64_time64", "gnu_dev_major", "gnu_dev_minor",
 }
 # What compilers leave for the linker to fill in.
 LINKER = {"_GLOBAL_OFFSET_TABLE_"}
