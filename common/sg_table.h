@@ -64,9 +64,10 @@ __attribute__((always_inline)) inline void SgMarkEnd(SgEntry* end)
 __attribute__((always_inline)) inline SgEntry* SgFill(SgEntry* table, const MemoryChunk* chunk,
                                                       int32_t count)
 {
-    const MemoryChunk* const last = chunk + count - 1;
-    for (;; chunk++) {
-        if (count <= 0 || (chunk == last && chunk->len == 0)) {
+    // Counted, not compared with the list's end: an absurd count has its end anywhere.
+    int32_t left = count;
+    for (;; chunk++, left--) {
+        if (left <= 0 || (left == 1 && chunk->len == 0)) {
             SgMarkEnd(table);
             return table;
         }
@@ -91,7 +92,7 @@ __attribute__((always_inline)) inline SgEntry* SgFill(SgEntry* table, const Memo
         } else {
             uint32_t entry_end = addr + len;
             for (;;) {
-                if (chunk == last) {
+                if (--left == 0) {
                     entry->len.Set(len | SG_END);
                     return entry + 1;
                 }

@@ -62,6 +62,9 @@ static_assert(MIVOSDIF_IOC_DIRECT_WRITE_ALT ==
               RequestNumber(RequestDirection::Write, 16, 0xD3, 0x2E));
 static_assert(MIVOSDIF_IOC_RESET == RequestNumber(RequestDirection::None, 0, 0xD3, 0x2F));
 
+// Debuggers know the record by its size on the board.
+static_assert(sizeof(void*) != 4 || sizeof(MivoDevice) == 64);
+
 struct MivoCardStatus {
     uint8_t reserved0[3];
     uint8_t present;  // bit n: a card is in unit n

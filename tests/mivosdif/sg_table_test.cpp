@@ -434,6 +434,19 @@ TEST_F(MivoChunk2Sg, FailsWhereTheTableOverflows)
               }));
 }
 
+// A count whose list would end anywhere: the chunks there are fill the table first.
+TEST_F(MivoChunk2Sg, FailsForAnAbsurdCount)
+{
+    for (const uint32_t count : {0x10000001u, 0x20000001u, 0x40000001u, 0x7FFFFFFFu}) {
+        SCOPED_TRACE(count);
+        Clear();
+        EXPECT_EQ(
+            (Outcome{-12, std::string(kOverflow2048) +
+                              "[mivosdif:Mivo_Chunk2Sg(#)](E)Mivo_SetSgEntry failed(-12)!\n"}),
+            Convert(Apart(2048), count));
+    }
+}
+
 TEST_F(MivoChunk2Sg, NeedsBothArguments)
 {
     const uint32_t one[] = {1, 0x1000, 0x200};

@@ -432,6 +432,18 @@ TEST_F(ZelChunk2Sg, FailsWhereTheTableOverflows)
               }));
 }
 
+// A count whose list would end anywhere: the chunks there are fill the table first.
+TEST_F(ZelChunk2Sg, FailsForAnAbsurdCount)
+{
+    for (const uint32_t count : {0x10000001u, 0x20000001u, 0x40000001u, 0x7FFFFFFFu}) {
+        SCOPED_TRACE(count);
+        Clear();
+        EXPECT_EQ((Outcome{-12, std::string(kOverflow2048) +
+                                    "[zel:Zel_Chunk2Sg(#)](E)Zel_SetSgEntry failed(-12)!\n"}),
+                  Convert(Apart(2048), count));
+    }
+}
+
 TEST_F(ZelChunk2Sg, NeedsBothArguments)
 {
     const uint32_t one[] = {1, 0x1000, 0x200};
