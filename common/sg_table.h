@@ -64,10 +64,12 @@ __attribute__((always_inline)) inline void SgMarkEnd(SgEntry* end)
 __attribute__((always_inline)) inline SgEntry* SgFill(SgEntry* table, const MemoryChunk* chunk,
                                                       int32_t count)
 {
-    // Counted, not compared with the list's end: an absurd count has its end anywhere.
-    int32_t left = count;
-    for (;; chunk++, left--) {
-        if (left <= 0 || (left == 1 && chunk->len == 0)) {
+    // No memory holds more chunks than this. Of a list that says so the table overflows, and
+    // its end is not to lie in the midst of it because the count wrapped.
+    constexpr int32_t most = INT32_MAX / static_cast<int32_t>(sizeof(MemoryChunk));
+    const MemoryChunk* const last = chunk + (count < most ? count : most) - 1;
+    for (;; chunk++) {
+        if (count <= 0 || (chunk == last && chunk->len == 0)) {
             SgMarkEnd(table);
             return table;
         }
@@ -92,7 +94,7 @@ __attribute__((always_inline)) inline SgEntry* SgFill(SgEntry* table, const Memo
         } else {
             uint32_t entry_end = addr + len;
             for (;;) {
-                if (--left == 0) {
+                if (chunk == last) {
                     entry->len.Set(len | SG_END);
                     return entry + 1;
                 }
