@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: MIT
-"""board/run and tests/board/run-suite from outside: what goes in comes out, and whatever
-fails is seen to fail: test_board_run.py BUILD_DIR"""
+"""board/run, cardtool on the board, and tests/board/run-suite from outside: what goes in
+comes out, and whatever fails is seen to fail: test_board_run.py BUILD_DIR"""
 
 import pathlib
 import random
@@ -18,7 +18,7 @@ RUN = ROOT / "board/run"
 BOARD_FAILED = 125
 
 
-class BoardRun(unittest.TestCase):
+class BoardTest(unittest.TestCase):
     def setUp(self):
         folder = tempfile.TemporaryDirectory(prefix="board-run-test-")
         self.addCleanup(folder.cleanup)
@@ -34,6 +34,8 @@ class BoardRun(unittest.TestCase):
             check=False,
         )
 
+
+class BoardRun(BoardTest):
     # What passes through, in one start of the board.
     def test_hands_through_output_errors_status_and_files(self):
         content = random.Random(1).randbytes(200_000)
@@ -105,6 +107,34 @@ class BoardRun(unittest.TestCase):
         done = self.run_it()
         self.assertEqual(BOARD_FAILED, done.returncode)
         self.assertEqual(b"", done.stdout)
+
+
+class CardTool(BoardTest):
+    """What cardtool makes of a block node, whose writes wait in the kernel's memory."""
+
+    def write(self, *faults):
+        content = random.Random(2).randbytes(64 * 512)
+        (self.folder / "card.img").write_bytes(bytes(1 << 20))
+        (self.folder / "in").write_bytes(content)
+        script = (
+            'tool=$1; shift; card insert zel0 card.img || exit 1; for fault; do'
+            ' card fault zel0 $fault || exit 1; done; "$tool" write /dev/spda -i in --yes'
+        )
+        return self.run_it(
+            "sh", "-c", script, "sh", BUILD / "cardtool", *faults, cwd=self.folder
+        )
+
+    def test_a_write_is_compared_with_the_card(self):
+        done = self.write()
+        self.assertEqual(0, done.returncode, done.stderr)
+        self.assertIn(b"wrote and compared 64 sectors", done.stdout)
+
+    # The driver fails when the kernel writes out, after every call of the tool's went well.
+    def test_a_write_that_fails_at_the_close_is_noticed(self):
+        done = self.write("call=write node=block errno=EIO")
+        self.assertEqual(10, done.returncode, done.stdout + done.stderr)
+        self.assertEqual(b"", done.stdout)
+        self.assertIn(b"differ", done.stderr)
 
 
 class RunSuite(unittest.TestCase):

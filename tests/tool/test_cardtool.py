@@ -899,6 +899,24 @@ class CompareTest(CardtoolTest):
         result = self.on_card(*write, "--no-verify", sim=sim)
         self.assertNotIn(b"compared", self.succeed(result))
 
+    def test_a_device_that_does_not_open_again_is_not_compared(self):
+        data = pattern("new", 300)
+        source = self.file("in", data)
+        for errno, code in (("EIO", INPUT_OUTPUT), ("EBUSY", BUSY), ("ENOMEDIUM", REMOVED)):
+            with self.subTest(errno):
+                self.image.write_bytes(self.content)
+                sim = self.description(faults=[{"call": "open", "first": 2, "errno": errno}])
+                write = ["--json", "write", DEVICE, "--yes", "-i", source, "--first", "7"]
+                result = self.on_card(*write, sim=sim)
+                lines = self.fail_with(code, result, "wrote 300 sectors", "from sector 7",
+                                       "could not compare", "cannot open")
+                self.assertIn("verify", lines[1])
+                self.assertIn(data, self.image.read_bytes())
+                moved = json.loads(result.stdout)["result"]
+                self.assertEqual((moved["moved_bytes"], moved["verified"]),
+                                 (300 * SECTOR, False))
+                self.succeed(self.on_card(*write, "--no-verify", sim=sim))
+
     def test_a_backup_is_read_back_and_restores(self):
         copy = self.path("copy.img")
         self.succeed(self.on_card("backup", DEVICE, "-o", copy))
@@ -1154,6 +1172,12 @@ class SlotTest(CardtoolTest):
         arguments = ["read", self.NODE, "--direct", "-o", self.path("out")]
         result = self.on_card(*arguments, sim=self.slot(eject | {"errno": "EIO"}))
         self.fail_with(REMOVED, result, "after 256 of 1000 sectors", "removed")
+
+    def test_an_eject_after_the_last_write(self):
+        eject = {"call": "write", "eject": self.NODE}
+        arguments = ["-i", self.file("new", pattern("new", 9)), "--yes"]
+        result = self.on_card("write", self.NODE, *arguments, sim=self.slot(eject))
+        self.fail_with(REMOVED, result, "wrote 9 sectors", "could not compare", "removed")
 
     def test_an_eject_during_plain_reads_is_noticed_too(self):
         eject = {"call": "read", "first": 1, "eject": self.NODE}

@@ -136,8 +136,14 @@ std::string BackEndOf(const DrvInfo& handle)
 
 Device::Device(const DrvInfo& detected) : path_(detected.dev_path), handle_(detected)
 {
+    Open();
+}
+
+void Device::Open()
+{
     errno = 0;
     if (DevInit(&handle_) >= 0) {
+        open_ = true;
         ejected = false;
         if (handle_.ops->CardInit != nullptr) {
             CARD_Init(&handle_, 0, NoteEject);
@@ -150,7 +156,21 @@ Device::Device(const DrvInfo& detected) : path_(detected.dev_path), handle_(dete
 
 Device::~Device()
 {
+    if (open_) {
+        DevExit(&handle_);
+    }
+}
+
+void Device::Reopen()
+{
+    // The back-end discards on closing what nobody has seen of an eject.
+    if (NoticesEjects()) {
+        Status();
+    }
     DevExit(&handle_);
+    open_ = false;
+    handle_ = Detect(path_);
+    Open();
 }
 
 void Device::Need(bool offered, const char* what) const

@@ -36,6 +36,10 @@ public:
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
+    // Close and open again. The last close of a block node puts on the card what the
+    // kernel still holds, and drops its copy: what is read then comes from the card.
+    void Reopen();
+
     const std::string& path() const { return path_; }
     int32_t type() const { return handle_.dev_type; }
     std::string BackEnd() const { return BackEndOf(handle_); }
@@ -68,6 +72,7 @@ public:
     Moved DirectWrite(uint32_t first, uint32_t sectors, const void* from);
 
 private:
+    void Open();
     // Throws unless the back-end has the operation.
     void Need(bool offered, const char* what) const;
     // Throws unless the card code means success.
@@ -77,6 +82,7 @@ private:
 
     std::string path_;
     DrvInfo handle_;
+    bool open_ = false;
 };
 
 #endif

@@ -52,6 +52,23 @@ void Compare(Device& device, const Range& range, Input& input, Progress& progres
     report.result["verified"] = true;
 }
 
+// What is compared is to be what the card holds. A node of a card that is gone does not
+// open: here that is a removal.
+void ReopenToCompare(Device& device, const Range& range)
+{
+    const std::string name = device.path();
+    try {
+        device.Reopen();
+    } catch (const Failure& failure) {
+        const bool gone = failure.code() == ExitCode::NoSuchDevice;
+        throw Failure(
+            gone ? ExitCode::Removed : failure.code(),
+            "wrote " + SectorCount(range.count) + " of " + name + " from sector " +
+                std::to_string(range.first) + " but could not compare: " + failure.what(),
+            "check the card's seat, then compare with the verify command, or write again");
+    }
+}
+
 // The sectors of the card that a read command means.
 Range CardRange(const Arguments& arguments, Device& device)
 {
@@ -190,6 +207,7 @@ void WriteCard(const Arguments& arguments, Device& device, Report& report)
     Phase("writing", progress, report, "moved_bytes",
           [&] { WriteSectors(device, range, input, &progress); });
     if (arguments.verify) {
+        ReopenToCompare(device, range);
         Compare(device, range, input, progress, report);
     }
     report.Say(Done(arguments.verify ? "wrote and compared" : "wrote", range, device.path()));
