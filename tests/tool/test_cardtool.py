@@ -30,7 +30,7 @@ TIMEOUT = 120
 
 OK, UNEXPECTED, USAGE, NO_DEVICE, NOT_A_CARD = 0, 1, 2, 3, 4
 REMOVED, BUSY, READ_ONLY, PERMISSION, INPUT_OUTPUT = 5, 6, 7, 8, 9
-MISMATCH, INTERRUPTED, REFUSED = 10, 11, 12
+MISMATCH, INTERRUPTED, REFUSED, READER_GONE = 10, 11, 12, 141
 
 SCHEMA = json.loads(
     (pathlib.Path(__file__).parents[2] / "docs" / "cardtool.schema.json").read_text())
@@ -356,7 +356,7 @@ class HelpTest(CardtoolTest):
             self.assertRegex(text, rf"(?m)^  {command} ")
         self.assertIn("cardtool read /dev/sdcarda", text)
         self.assertIn("standard error", text)
-        for code in (0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12):
+        for code in (0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 141):
             self.assertRegex(text, rf"(?m)^ *{code}  \w")
 
     def test_help_of_a_command(self):
@@ -686,13 +686,35 @@ class ReadTest(CardtoolTest):
         self.assert_card_unchanged()
 
     def test_reader_that_goes_away(self):
-        source, sink = os.pipe()
-        os.close(source)
-        try:
-            result = self.on_card("read", DEVICE, "-o", "-", stdout=sink)
-        finally:
-            os.close(sink)
-        self.fail_with(INPUT_OUTPUT, result, "Broken pipe")
+        for arguments in (["read", DEVICE, "-o", "-"], ["info", DEVICE], ["--json", "size", DEVICE],
+                          ["--help"]):
+            with self.subTest(arguments):
+                source, sink = os.pipe()
+                os.close(source)
+                try:
+                    result = self.on_card(*arguments, stdout=sink)
+                finally:
+                    os.close(sink)
+                self.assertEqual(result.returncode, READER_GONE)
+                self.assertNotIn(b"cardtool:", result.stderr)
+
+    def test_reader_that_stops_in_the_middle(self):
+        command = shlex.join([*TOOL, "--sim", str(self.image), "read", DEVICE, "-o", "-"])
+        result = subprocess.run(["bash", "-c", command + " | head -c 512; echo ${PIPESTATUS[0]}"],
+                                capture_output=True, timeout=TIMEOUT, check=False)
+        self.assertEqual(result.stdout, self.content[:SECTOR] + b"141\n")
+        self.assertNotIn(b"cardtool:", result.stderr)
+
+    def test_reader_of_a_named_pipe_that_goes_away(self):
+        pipe = self.path("pipe")
+        os.mkfifo(pipe)
+        tool = subprocess.Popen([*TOOL, "--sim", str(self.image), "read", DEVICE, "-o", pipe],
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        with open(pipe, "rb") as reader:
+            reader.read(1)
+        _, errors = tool.communicate(timeout=TIMEOUT)
+        self.fail_with(INPUT_OUTPUT, subprocess.CompletedProcess([], tool.returncode, b"", errors),
+                       "Broken pipe")
 
     def test_standard_output_that_is_closed(self):
         command = shlex.join([*TOOL, "--sim", str(self.image), "size", DEVICE]) + " >&-"

@@ -20,6 +20,8 @@ constexpr Kind kKinds[] = {
     {ExitCode::Mismatch, "mismatch", "the card does not hold what it was compared with"},
     {ExitCode::Interrupted, "interrupted", "interrupted by SIGINT or SIGTERM"},
     {ExitCode::Refused, "refused", "a write that was not confirmed with yes"},
+    {ExitCode::ReaderGone, "reader-gone",
+     "whoever read standard output went away: the tool ends without a message"},
 };
 
 const char* Advice(ExitCode code)

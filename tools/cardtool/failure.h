@@ -24,6 +24,7 @@ enum class ExitCode : int {
     Mismatch = 10,         // the card does not hold what it should
     Interrupted = 11,      // by SIGINT or SIGTERM
     Refused = 12,          // the user did not answer yes
+    ReaderGone = 141,      // as a shell reports a death by SIGPIPE; nothing is said
 };
 
 struct Kind {

@@ -76,6 +76,10 @@ void Output::Write(const void* data, size_t length)
                           "what is there is not complete; start again");
         }
         const ssize_t moved = write(fd_, bytes, WritePiece(fd_, length));
+        if (moved < 0 && errno == EPIPE && is_standard_) {
+            throw Failure(ExitCode::ReaderGone, "the reader of " + name_ + " went away",
+                          "let it read to the end");
+        }
         if (moved < 0) {
             throw FileFailure("cannot write to " + name_, errno,
                               "what is there is not complete; make room or choose another place");

@@ -12,8 +12,8 @@
 // Where results or a card's data go.
 class Output {
 public:
-    // Takes over the descriptor.
-    Output(int fd, std::string name) : fd_(fd), name_(std::move(name)) {}
+    // Takes over standard output. When its reader goes away, nobody wants the rest.
+    explicit Output(int fd) : fd_(fd), name_("standard output"), is_standard_(true) {}
     // A file, made or emptied.
     explicit Output(const std::string& path);
     // A file that is there, from that byte on; nothing else of it changes.
@@ -33,6 +33,7 @@ public:
 private:
     int fd_;
     std::string name_;
+    bool is_standard_ = false;
 };
 
 // The data for a card. A file is read as it is needed; whatever has no known

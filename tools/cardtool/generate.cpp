@@ -96,7 +96,7 @@ std::string ManExamples()
 
 std::string ManExitCodes()
 {
-    std::string text = ".Bl -tag -width 2n\n";
+    std::string text = ".Bl -tag -width 3n\n";
     for (const Kind& kind : Kinds()) {
         text += ".It " + std::to_string(static_cast<int>(kind.code)) + "\n" + Prose(kind.meaning) +
                 ".\n";

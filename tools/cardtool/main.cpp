@@ -33,9 +33,13 @@ int SetResultsApart()
     return results;
 }
 
-// Both lines go out whatever becomes of the document.
+// Both lines go out whatever becomes of the document. A reader that has seen enough,
+// as head has, is no trouble to tell of.
 int End(const Failure& failure, const Arguments& arguments, Report& report)
 {
+    if (failure.code() == ExitCode::ReaderGone) {
+        return static_cast<int>(failure.code());
+    }
     std::fprintf(stderr, "cardtool: %s\ncardtool: %s\n", ForTerminal(failure.what()).c_str(),
                  ForTerminal(failure.next()).c_str());
     const int code = static_cast<int>(failure.code());
@@ -55,7 +59,7 @@ Failure NoMemory()
 
 int Run(int argc, char** argv, int results_fd)
 {
-    Output results(results_fd, "standard output");
+    Output results(results_fd);
     Report report(results, WantsJson(argc, argv));
     Arguments arguments;
     try {
@@ -84,7 +88,7 @@ int Run(int argc, char** argv, int results_fd)
 
 int main(int argc, char** argv)
 {
-    // A reader that goes away is a failed write, so that the device is closed.
+    // A reader that goes away is a failed write, not a death, so that the device is closed.
     std::signal(SIGPIPE, SIG_IGN);
     HoldSignals();
     const int results = SetResultsApart();
