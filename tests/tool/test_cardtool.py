@@ -495,6 +495,19 @@ class DetectTest(CardtoolTest):
                     sim = self.description(faults=[{"call": call, "errno": errno}])
                     self.fail_with(PERMISSION, self.on_card("size", DEVICE, sim=sim), DEVICE)
 
+    def test_an_empty_slot(self):
+        # Out of the slot when the tool has looked at the node's numbers; the other host
+        # has no slot to take a card from.
+        slot = {"call": "stat", "eject": "/dev/spda"}
+        none = {"call": "open", "errno": "ENOMEDIUM"}
+        for card, fault, node in (({"driver": "zel", "unit": 0}, slot, "/dev/spda"),
+                                  ({}, none, DEVICE)):
+            with self.subTest(node):
+                sim = self.description(card, [fault])
+                lines = self.fail_with(NO_DEVICE, self.on_card("size", node, sim=sim),
+                                       "cannot open " + node, "No medium found")
+                self.assertEqual(lines[1], "cardtool: put a card in and try again")
+
     def test_other_failures_to_open(self):
         for errno, code in (("ENXIO", NO_DEVICE), ("ENODEV", NO_DEVICE), ("EIO", INPUT_OUTPUT)):
             with self.subTest(errno):

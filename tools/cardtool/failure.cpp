@@ -24,9 +24,12 @@ constexpr Kind kKinds[] = {
      "whoever read standard output went away: the tool ends without a message"},
 };
 
-const char* Advice(ExitCode code)
+const char* Advice(int error)
 {
-    switch (code) {
+    if (error == ENOMEDIUM) {
+        return "put a card in and try again";
+    }
+    switch (KindOf(error)) {
         case ExitCode::NoSuchDevice:
             return "check the name with ls -l, that a card is in, and that its driver is loaded";
         case ExitCode::PermissionDenied:
@@ -108,6 +111,5 @@ std::string ForTerminal(const std::string& text)
 
 Failure SystemFailure(const std::string& what, int error, const std::string& next)
 {
-    const ExitCode code = KindOf(error);
-    return {code, what + ": " + std::strerror(error), next.empty() ? Advice(code) : next};
+    return {KindOf(error), what + ": " + std::strerror(error), next.empty() ? Advice(error) : next};
 }
