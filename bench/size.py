@@ -23,7 +23,7 @@ WRITABLE_SECTIONS = (".data", ".bss", ".data.rel.ro", ".got", ".got2", ".plt", "
 def sections(arguments):
     with tempfile.TemporaryDirectory() as folder:
         stripped = os.path.join(folder, "stripped")
-        subprocess.run([arguments.strip, "-o", stripped, arguments.library], check=True)
+        subprocess.run([arguments.strip, "-o", stripped, arguments.shared_object], check=True)
         listing = subprocess.run([arguments.size, "-A", stripped], check=True,
                                  capture_output=True, text=True).stdout
     fields = (line.split() for line in listing.splitlines() if line.startswith("."))
@@ -32,7 +32,7 @@ def sections(arguments):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    for option in ("library", "strip", "size"):
+    for option in ("shared-object", "strip", "size"):
         parser.add_argument("--" + option, required=True)
     size = sections(parser.parse_args())
     rows = [(".text", size[".text"], TEXT), (".rodata", size[".rodata"], RODATA)]

@@ -54,8 +54,8 @@ def execute(arguments):
 def counts(arguments):
     printed, addresses = execute(arguments)
     begin, end, known = (int(word, 16) for word in re.findall(r"0x([0-9a-f]+)", printed[0]))
-    start, size = text_of(arguments.readelf, arguments.library)
-    low = known - symbol(arguments.nm, arguments.library, "DevDetect") + start
+    start, size = text_of(arguments.readelf, arguments.shared_object)
+    low = known - symbol(arguments.nm, arguments.shared_object, "DevDetect") + start
     names = iter(printed[1:])
     result, name, count = {}, None, 0
     for address in addresses:
@@ -90,7 +90,7 @@ def each(counted, what, few, many):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
-    for option in ("program", "library", "emulator", "nm", "readelf"):
+    for option in ("program", "shared-object", "emulator", "nm", "readelf"):
         parser.add_argument("--" + option, required=True)
     arguments = parser.parse_args()
     arguments.emulator = arguments.emulator.split(";")

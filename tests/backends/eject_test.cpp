@@ -264,14 +264,14 @@ TEST_P(Backends, TellProtectionAsTheDriverGivesIt)
     }
     struct Answer {
         int driver;
-        int32_t library;
+        int32_t told;
     };
     for (const Answer& answer : {Answer{2, 2}, {0x10001, 1}, {0xFFFF, -1}, {0x7FFF, 0x7FFF}}) {
         BenchFault other;
         other.request = backend.requests.protection;
         other.result = answer.driver;
         bench->Inject(backend.place, other);
-        EXPECT_EQ(answer.library, CARD_GetWriteProtect(&handle));
+        EXPECT_EQ(answer.told, CARD_GetWriteProtect(&handle));
     }
 }
 
