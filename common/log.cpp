@@ -27,18 +27,12 @@ void carddev_report(unsigned place, const char* function, const char* text, ...)
     va_end(arguments);
     // One call for the whole of it: nobody else's output comes between, and a thread that is
     // cancelled while it waits for a reader leaves no lock behind.
-    printf("[%s:%s(%u)](%c)%s", kTags[place & 3], function, place >> 3, kLevels[place >> 2 & 1],
-           filled_in);
-    errno = kept;
-}
-
-void carddev_print(const char* format, ...)
-{
-    const int kept = errno;
-    va_list arguments;
-    va_start(arguments, format);
-    vprintf(format, arguments);
-    va_end(arguments);
+    if (function == nullptr) {
+        printf("%s", filled_in);
+    } else {
+        printf("[%s:%s(%u)](%c)%s", kTags[place & 3], function, place >> 3, kLevels[place >> 2 & 1],
+               filled_in);
+    }
     errno = kept;
 }
 

@@ -29,16 +29,13 @@ constexpr unsigned LogPlace(LogTag tag, LogLevel level, unsigned line)
 // headers of the library's other parts do the same.
 #pragma GCC visibility push(hidden)
 
-// Both print to standard output and leave errno alone: the first write to a pipe or a
-// file makes libc ask whether it is a terminal, which sets ENOTTY, and retry decisions
-// rest on the errno of the driver's answer.
+// A line with its prefix, or without one where no function is named; use the macros below.
 //
-// A line with its prefix; use the macros below.
+// Prints to standard output and leaves errno alone: the first write to a pipe or a file
+// makes libc ask whether it is a terminal, which sets ENOTTY, and retry decisions rest on
+// the errno of the driver's answer.
 extern "C" void carddev_report(unsigned place, const char* function, const char* text, ...)
     __attribute__((format(printf, 3, 4), cold, noinline));
-// A line without one.
-extern "C" void carddev_print(const char* format, ...)
-    __attribute__((format(printf, 1, 2), cold, noinline));
 
 // The text of errno, as an argument for a line.
 extern "C" const char* carddev_errno_text(void) __attribute__((cold, noinline));
@@ -59,5 +56,8 @@ extern "C" const char* carddev_errno_text(void) __attribute__((cold, noinline));
 
 #define LOG_WARNING(text, ...) \
     LOG_WARNING_OF(__builtin_FUNCTION(), __LINE__, text __VA_OPT__(, ) __VA_ARGS__)
+
+// A line without a prefix.
+#define LOG_PLAIN(text, ...) carddev_report(0, nullptr, text __VA_OPT__(, ) __VA_ARGS__)
 
 #endif

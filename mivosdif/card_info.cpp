@@ -2,10 +2,10 @@
 //
 // Registers, SD status, speed record and size. The first three are asked of the
 // driver once and kept until Exit.
-#include <stdlib.h>
 #include <sys/ioctl.h>
 
 #include "common/card_size.h"
+#include "common/copy.h"
 #include "common/latch.h"
 #include "mivosdif/mivosdif.h"
 
@@ -38,12 +38,11 @@ int32_t Mivo_CardGetInfo(DrvInfo* handle, CardInfo* info)
     if (ioctl(dev->chr_fd, MIVOSDIF_IOC_GET_CSD, info->csd) != 0) {
         LOG_ERROR("Cannot get csd!\n");
     }
-    dev->reg_buf = static_cast<CardInfo*>(malloc(sizeof *info));
+    dev->reg_buf = static_cast<CardInfo*>(CopyOf(info, sizeof *info));
     if (dev->reg_buf == nullptr) {
         LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->reg_buf, info, sizeof *info);
     return CARD_CODE_OK;
 }
 
@@ -71,12 +70,11 @@ int32_t Mivo_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
         LOG_ERROR("Cannot sd status!\n");
         return CARD_CODE_ERROR;
     }
-    dev->secure_buf = static_cast<uint8_t*>(malloc(CARD_SD_STATUS_SIZE));
+    dev->secure_buf = static_cast<uint8_t*>(CopyOf(sd_status, CARD_SD_STATUS_SIZE));
     if (dev->secure_buf == nullptr) {
         LOG_ERROR("Malloc secure buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->secure_buf, sd_status, CARD_SD_STATUS_SIZE);
     return CARD_CODE_OK;
 }
 
@@ -146,12 +144,11 @@ int32_t Mivo_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
     speed->bytes[2] = static_cast<uint8_t>(params.byte2);
     speed->bytes[3] = static_cast<uint8_t>(params.grades);
     speed->bytes[4] = AllocationUnitCode(AllocationUnit(&params));
-    dev->speed_buf = static_cast<CardSpeedInfo*>(malloc(sizeof *speed));
+    dev->speed_buf = static_cast<CardSpeedInfo*>(CopyOf(speed, sizeof *speed));
     if (dev->speed_buf == nullptr) {
         LOG_ERROR("Malloc speed info buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->speed_buf, speed, sizeof *speed);
     return CARD_CODE_OK;
 }
 

@@ -54,7 +54,7 @@ int32_t Mivo_Init(DrvInfo* handle)
     }
     pthread_mutex_init(&dev->lock, nullptr);
     Mivo_PollClear(dev->chr_fd);
-    carddev_print("Wrapper low-level driver for SD card-CardBus adaptor ver.%s\n", kDriverVersion);
+    LOG_PLAIN("Wrapper low-level driver for SD card-CardBus adaptor ver.%s\n", kDriverVersion);
     return mounted;
 }
 

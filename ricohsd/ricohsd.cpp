@@ -2,11 +2,11 @@
 #include "ricohsd/ricohsd.h"
 
 #include <fcntl.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "common/copy.h"
 #include "common/sector.h"
 
 // Its lines carry the tag of the back-end that it grew out of; log filters on
@@ -27,6 +27,21 @@ RicohSdDev* Device(const DrvInfo* handle)
     return handle == nullptr ? nullptr : static_cast<RicohSdDev*>(handle->priv);
 }
 
+// False after a line of the caller's that says why.
+bool HasNode(const RicohSdDev* dev, const char* caller = __builtin_FUNCTION(),
+             unsigned line = __builtin_LINE())
+{
+    if (dev == nullptr) {
+        LOG_ERROR_OF(caller, line, "Cannot get driver info!\n");
+        return false;
+    }
+    if (dev->blk_fd == 0) {
+        LOG_ERROR_OF(caller, line, "Invalid blk_fd!\n");
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int32_t RicohSD_Init(DrvInfo* handle)
@@ -43,8 +58,8 @@ int32_t RicohSD_Init(DrvInfo* handle)
     dev->index = handle->dev_index;
     handle->priv = dev;
 
-    char path[sizeof "/dev/sdcard" + 1];
-    snprintf(path, sizeof path, "%s%c", "/dev/sdcard", 'a' + dev->index);
+    char path[] = "/dev/sdcarda";
+    path[sizeof path - 2] = static_cast<char>('a' + dev->index);
     dev->blk_fd = open64(path, O_RDWR | O_SYNC);
     if (dev->blk_fd < 0 && errno == EROFS) {
         dev->read_only = 1;
@@ -54,7 +69,7 @@ int32_t RicohSD_Init(DrvInfo* handle)
         LOG_ERROR("open[%s] failed : %s\n", path, carddev_errno_text());
         return -1;
     }
-    carddev_print("Wrapper low-level driver for SD card-CardBus adaptor ver.%s\n", kDriverVersion);
+    LOG_PLAIN("Wrapper low-level driver for SD card-CardBus adaptor ver.%s\n", kDriverVersion);
     return 0;
 }
 
@@ -76,12 +91,7 @@ int32_t RicohSD_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t f
                      uint32_t /*word*/)
 {
     const RicohSdDev* dev = Device(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return -ENODEV;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!HasNode(dev)) {
         return -ENODEV;
     }
     if (lseek64(dev->blk_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
@@ -95,12 +105,7 @@ int32_t RicohSD_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uin
                       uint32_t /*word*/)
 {
     const RicohSdDev* dev = Device(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return -ENODEV;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!HasNode(dev)) {
         return -ENODEV;
     }
     if (lseek64(dev->blk_fd, SectorPosition(first_sector), SEEK_SET) == -1) {
@@ -134,12 +139,7 @@ int32_t RicohSD_CardGetStatus(DrvInfo* handle, uint16_t* status)
     }
     *status = 0;
     const RicohSdDev* dev = Device(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_NOT_OPEN;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!HasNode(dev)) {
         return CARD_CODE_NOT_OPEN;
     }
     *status = CARD_STATUS_READY;
@@ -157,12 +157,7 @@ int32_t RicohSD_CardGetInfo(DrvInfo* handle, CardInfo* info)
         return CARD_CODE_ERROR;
     }
     RicohSdDev* dev = Device(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     if (dev->reg_buf != nullptr) {
@@ -180,12 +175,11 @@ int32_t RicohSD_CardGetInfo(DrvInfo* handle, CardInfo* info)
         LOG_ERROR("SDCARD_GET_CID failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    dev->reg_buf = static_cast<CardInfo*>(malloc(sizeof *info));
+    dev->reg_buf = static_cast<CardInfo*>(CopyOf(info, sizeof *info));
     if (dev->reg_buf == nullptr) {
         LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->reg_buf, info, sizeof *info);
     return CARD_CODE_OK;
 }
 
@@ -201,12 +195,7 @@ int32_t RicohSD_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
         return CARD_CODE_ERROR;
     }
     RicohSdDev* dev = Device(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     if (dev->secure_buf != nullptr) {
@@ -217,24 +206,18 @@ int32_t RicohSD_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
         LOG_ERROR("SDCARD_GET_SD_STATUS failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    dev->secure_buf = static_cast<uint8_t*>(malloc(CARD_SD_STATUS_SIZE));
+    dev->secure_buf = static_cast<uint8_t*>(CopyOf(sd_status, CARD_SD_STATUS_SIZE));
     if (dev->secure_buf == nullptr) {
         LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->secure_buf, sd_status, CARD_SD_STATUS_SIZE);
     return CARD_CODE_OK;
 }
 
 uint32_t RicohSD_CardGetSize(DrvInfo* handle)
 {
     const RicohSdDev* dev = Device(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return 0;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!HasNode(dev)) {
         return 0;
     }
     uint32_t sectors = 0;
@@ -248,12 +231,7 @@ uint32_t RicohSD_CardGetSize(DrvInfo* handle)
 int32_t RicohSD_CardGetWriteProtect(DrvInfo* handle)
 {
     const RicohSdDev* dev = Device(handle);
-    if (dev == nullptr) {
-        LOG_ERROR("Cannot get driver info!\n");
-        return CARD_CODE_ERROR;
-    }
-    if (dev->blk_fd == 0) {
-        LOG_ERROR("Invalid blk_fd!\n");
+    if (!HasNode(dev)) {
         return CARD_CODE_ERROR;
     }
     return dev->read_only;

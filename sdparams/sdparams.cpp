@@ -105,7 +105,7 @@ int32_t CalcSdParams(uint32_t capacity, SdFormatParams* params)
     params->root_dir_sectors = kRootDirSectors;
     const Layout* layout = LayoutFor(capacity);
     if (layout == nullptr) {
-        carddev_print("** OVER 2TB : %lu\n", static_cast<unsigned long>(capacity));
+        LOG_PLAIN("** OVER 2TB : %lu\n", static_cast<unsigned long>(capacity));
         return -1;
     }
     if (layout->fs_type == SD_FS_FAT16) {

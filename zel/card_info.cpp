@@ -2,11 +2,11 @@
 //
 // Registers, SD status, speed record and size. The first three are asked of the
 // driver once and kept until Exit.
-#include <stdlib.h>
 #include <sys/ioctl.h>
 
 #include "common/address.h"
 #include "common/card_size.h"
+#include "common/copy.h"
 #include "common/latch.h"
 #include "zel/zel.h"
 
@@ -58,12 +58,11 @@ int32_t Zel_CardGetInfo(DrvInfo* handle, CardInfo* info)
         LOG_ERROR("Cannot get card params!\n");
     }
     memcpy(info->csd, answer + ZEL_CARD_PARAMS_DATA, sizeof info->csd);
-    dev->reg_buf = static_cast<CardInfo*>(malloc(sizeof *info));
+    dev->reg_buf = static_cast<CardInfo*>(CopyOf(info, sizeof *info));
     if (dev->reg_buf == nullptr) {
         LOG_ERROR("Malloc register buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->reg_buf, info, sizeof *info);
     return CARD_CODE_OK;
 }
 
@@ -90,12 +89,11 @@ int32_t Zel_CardSecureGetInfo(DrvInfo* handle, uint8_t* sd_status)
         return CARD_CODE_ERROR;
     }
     memcpy(sd_status, answer + ZEL_CARD_PARAMS_DATA, CARD_SD_STATUS_SIZE);
-    dev->secure_buf = static_cast<uint8_t*>(malloc(CARD_SD_STATUS_SIZE));
+    dev->secure_buf = static_cast<uint8_t*>(CopyOf(sd_status, CARD_SD_STATUS_SIZE));
     if (dev->secure_buf == nullptr) {
         LOG_ERROR("Malloc secure buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->secure_buf, sd_status, CARD_SD_STATUS_SIZE);
     return CARD_CODE_OK;
 }
 
@@ -126,12 +124,11 @@ int32_t Zel_CardGetSpeedInfo(DrvInfo* handle, CardSpeedInfo* speed)
     for (const int place : kSpeedBytes) {
         *next++ = answer[place];
     }
-    dev->speed_buf = static_cast<CardSpeedInfo*>(malloc(sizeof *speed));
+    dev->speed_buf = static_cast<CardSpeedInfo*>(CopyOf(speed, sizeof *speed));
     if (dev->speed_buf == nullptr) {
         LOG_ERROR("Malloc speed info buffer failed : %s\n", carddev_errno_text());
         return CARD_CODE_ERROR;
     }
-    memcpy(dev->speed_buf, speed, sizeof *speed);
     return CARD_CODE_OK;
 }
 

@@ -2,7 +2,6 @@
 //
 // Opening and closing a slot: the node that the handle names, the slot's block and
 // character node, and the real-time control node.
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -20,7 +19,6 @@ namespace {
 
 constexpr char kDriverVersion[] = "0.11";
 constexpr char kRtNode[] = "/dev/rtctrl_zel";
-constexpr int kNodeNameSize = sizeof "/dev/spdr" + 1;
 constexpr int kIdentifySize = 512;
 constexpr int kIdentifyVersion = 271;  // where the version stands in it
 constexpr uint8_t kOldestVersion = 0x40;
@@ -50,7 +48,7 @@ int32_t Zel_Init(DrvInfo* handle)
     memset(dev, 0, sizeof *dev);
     handle->priv = dev;
     dev->index = static_cast<uint32_t>(handle->dev_index);
-    const int letter = 'a' + handle->dev_index;
+    const char letter = static_cast<char>('a' + handle->dev_index);
 
     dev->dev_fd = OpenDevicePath(handle, O_RDWR);
     if (dev->dev_fd < 0) {
@@ -63,16 +61,16 @@ int32_t Zel_Init(DrvInfo* handle)
         close(dev->dev_fd);
         return -1;
     }
-    char blk_node[kNodeNameSize];
-    snprintf(blk_node, sizeof blk_node, "/dev/spd%c", letter);
+    char blk_node[] = "/dev/spda";
+    blk_node[sizeof blk_node - 2] = letter;
     dev->blk_fd = open64(blk_node, O_RDWR);
     if (dev->blk_fd < 0) {
         LOG_ERROR("open[%s] failed : %s\n", blk_node, carddev_errno_text());
         close(dev->dev_fd);
         return -1;
     }
-    char chr_node[kNodeNameSize];
-    snprintf(chr_node, sizeof chr_node, "/dev/spdr%c", letter);
+    char chr_node[] = "/dev/spdra";
+    chr_node[sizeof chr_node - 2] = letter;
     dev->chr_fd = open64(chr_node, O_RDWR);
     if (dev->chr_fd < 0) {
         LOG_ERROR("open[%s] failed : %s\n", chr_node, carddev_errno_text());
@@ -110,7 +108,7 @@ int32_t Zel_Init(DrvInfo* handle)
     }
     pthread_mutex_init(&dev->lock, nullptr);
     Zel_PollClear(dev->chr_fd);
-    carddev_print("Wrapper low-level driver for SD card-CardBus adaptor ver.%s\n", kDriverVersion);
+    LOG_PLAIN("Wrapper low-level driver for SD card-CardBus adaptor ver.%s\n", kDriverVersion);
     return mounted;
 }
 

@@ -66,66 +66,66 @@ int32_t Zel_Ioctl(DrvInfo* handle, uint32_t request, void* argument)
     }
 }
 
-int32_t Zel_CheckRt(DrvInfo* handle)
+namespace {
+
+// The format of a failure is its caller's; the tests see each of them printed.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+// One byte of the control node's, or a negative errno. The line is the caller's.
+int32_t AskControlNode(const DrvInfo* handle, uint32_t request, const char* failure,
+                       const char* caller = __builtin_FUNCTION(), unsigned line = __builtin_LINE())
 {
     uint8_t status = 0;
     const ZelDevice* dev = ZelDeviceOf(handle);
-    if (!Zel_HasControlNode(dev)) {
+    if (!Zel_HasControlNode(dev, caller, line)) {
         return -ENODEV;
     }
-    if (ioctl(dev->rt_fd, RTCTRL_IOC_CHECK_RT_STATUS, &status) < 0) {
-        LOG_ERROR("RTCTRL_IOC_CHECK_RT_STATUS ioctl failed : %s\n", carddev_errno_text());
+    if (ioctl(dev->rt_fd, request, &status) < 0) {
+        LOG_ERROR_OF(caller, line, failure, carddev_errno_text());
         return -errno;
     }
     return status;
+}
+
+// A request that answers nothing. The line is the caller's.
+void TellControlNode(const DrvInfo* handle, uint32_t request, const char* failure,
+                     const char* caller = __builtin_FUNCTION(), unsigned line = __builtin_LINE())
+{
+    const ZelDevice* dev = ZelDeviceOf(handle);
+    if (Zel_HasControlNode(dev, caller, line) && ioctl(dev->rt_fd, request, nullptr) < 0) {
+        LOG_ERROR_OF(caller, line, failure, carddev_errno_text());
+    }
+}
+
+#pragma GCC diagnostic pop
+
+}  // namespace
+
+int32_t Zel_CheckRt(DrvInfo* handle)
+{
+    return AskControlNode(handle, RTCTRL_IOC_CHECK_RT_STATUS,
+                          "RTCTRL_IOC_CHECK_RT_STATUS ioctl failed : %s\n");
 }
 
 int32_t Zel_CheckDelay(DrvInfo* handle)
 {
-    uint8_t status = 0;
-    const ZelDevice* dev = ZelDeviceOf(handle);
-    if (!Zel_HasControlNode(dev)) {
-        return -ENODEV;
-    }
-    if (ioctl(dev->rt_fd, RTCTRL_IOC_CHECK_DELAY_STATUS, &status) < 0) {
-        LOG_ERROR("RTCTRL_IOC_CHECK_DELAY_STATUS ioctl failed : %s\n", carddev_errno_text());
-        return -errno;
-    }
-    return status;
+    return AskControlNode(handle, RTCTRL_IOC_CHECK_DELAY_STATUS,
+                          "RTCTRL_IOC_CHECK_DELAY_STATUS ioctl failed : %s\n");
 }
 
 int32_t Zel_RTOn4Wait(DrvInfo* handle)
 {
-    uint8_t status = 0;
-    const ZelDevice* dev = ZelDeviceOf(handle);
-    if (!Zel_HasControlNode(dev)) {
-        return -ENODEV;
-    }
-    if (ioctl(dev->rt_fd, RTCTRL_IOC_IS_RTON4WAIT, &status) < 0) {
-        LOG_ERROR("RTCTRL_IOC_IS_RTON4WAIT ioctl failed : %s\n", carddev_errno_text());
-        return -errno;
-    }
-    return status;
+    return AskControlNode(handle, RTCTRL_IOC_IS_RTON4WAIT,
+                          "RTCTRL_IOC_IS_RTON4WAIT ioctl failed : %s\n");
 }
 
 void Zel_LockRTOn(DrvInfo* handle)
 {
-    const ZelDevice* dev = ZelDeviceOf(handle);
-    if (!Zel_HasControlNode(dev)) {
-        return;
-    }
-    if (ioctl(dev->rt_fd, RTCTRL_IOC_LOCK_RTON, nullptr) < 0) {
-        LOG_ERROR("RTCTRL_IOC_LOCK_RTON failed : %s\n", carddev_errno_text());
-    }
+    TellControlNode(handle, RTCTRL_IOC_LOCK_RTON, "RTCTRL_IOC_LOCK_RTON failed : %s\n");
 }
 
 void Zel_UnlockRTOn(DrvInfo* handle)
 {
-    const ZelDevice* dev = ZelDeviceOf(handle);
-    if (!Zel_HasControlNode(dev)) {
-        return;
-    }
-    if (ioctl(dev->rt_fd, RTCTRL_IOC_UNLOCK_RTON, nullptr) < 0) {
-        LOG_ERROR("RTCTRL_IOC_UNLOCK_RTON failed : %s\n", carddev_errno_text());
-    }
+    TellControlNode(handle, RTCTRL_IOC_UNLOCK_RTON, "RTCTRL_IOC_UNLOCK_RTON failed : %s\n");
 }
