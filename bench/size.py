@@ -9,13 +9,13 @@ import sys
 import tempfile
 
 # What is wanted of .text is 16000; this is what was reached, and is not to grow.
-TEXT = 25200
+TEXT = 24000
 RODATA = 8000
 # Everything of the library's that a process has a copy of its own of: its variables, and
 # the constants that the loader fills in. The loader's own table (.dynamic) is listed
 # apart.
-WRITABLE = 1450
-RELOCATIONS = 180
+WRITABLE = 1200
+RELOCATIONS = 100
 WRITABLE_SECTIONS = (".data", ".bss", ".data.rel.ro", ".got", ".got2", ".plt", ".init_array",
                      ".fini_array")
 

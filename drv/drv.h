@@ -45,6 +45,14 @@ enum class Call {
     CARD_Ioctl,
 };
 
+// Hot, like what they jump to: the linker then puts what a transfer runs through side by
+// side, and the processor needs one mapping for all of it.
+extern "C" int32_t DevDrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t length,
+                               MemoryChunkArray* chunks) __attribute__((hot));
+extern "C" int32_t DevDrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
+                                MemoryChunkArray* chunks, uint32_t flag, uint32_t* retried)
+    __attribute__((hot));
+
 #pragma GCC visibility push(hidden)
 
 // What a call answers, and says, that cannot be handed on: the handle is not bound, or

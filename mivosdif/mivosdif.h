@@ -116,13 +116,13 @@ bool Mivo_HasNode(const MivoDevice* dev, const char* caller = __builtin_FUNCTION
 
 // events.cpp
 void Mivo_CheckEject(MivoDevice* dev);
-void __Mivo_CheckEject(MivoDevice* dev);
+void __Mivo_CheckEject(MivoDevice* dev) __attribute__((hot));
 int Mivo_PollFailed(Failure failure) __attribute__((cold));
 int Mivo_PollWait(int fd);
 
 // sg_table.cpp
 int32_t Mivo_SetSgEntry(MivoSgEntry* table, int32_t index, uint32_t addr, uint32_t len);
-int32_t Mivo_Chunk2Sg(const MemoryChunkArray* chunks, MivoSgEntry* table);
+int32_t Mivo_Chunk2Sg(const MemoryChunkArray* chunks, MivoSgEntry* table) __attribute__((hot));
 
 // transfers.cpp
 int32_t Mivo_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t first_sector,
@@ -130,9 +130,10 @@ int32_t Mivo_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t firs
 int32_t Mivo_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t first_sector,
                    uint32_t word);
 int32_t Mivo_DrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t sectors,
-                      MemoryChunkArray* chunks);
+                      MemoryChunkArray* chunks) __attribute__((hot));
 int32_t Mivo_DrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t sectors,
-                       MemoryChunkArray* chunks, uint32_t flag, uint32_t* retried);
+                       MemoryChunkArray* chunks, uint32_t flag, uint32_t* retried)
+    __attribute__((hot));
 int32_t Mivo_DrctRMW(DrvInfo* handle, BlockList* list);
 int32_t Mivo_FatWrite(DrvInfo* handle, BlockList* list);
 int32_t Mivo_SdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t cmd_arg,

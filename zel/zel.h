@@ -147,13 +147,13 @@ bool Zel_HasControlNode(const ZelDevice* dev, const char* caller = __builtin_FUN
 // events.cpp
 void Zel_Pause(void);  // give a busy driver time
 void Zel_CheckEject(ZelDevice* dev);
-void __Zel_CheckEject(ZelDevice* dev);
+void __Zel_CheckEject(ZelDevice* dev) __attribute__((hot));
 int Zel_PollFailed(Failure failure) __attribute__((cold));
 int Zel_PollWait(int fd);
 
 // sg_table.cpp
 int32_t Zel_SetSgEntry(ZelSgEntry* table, int32_t index, uint32_t addr, uint32_t len);
-int32_t Zel_Chunk2Sg(const MemoryChunkArray* chunks, ZelSgEntry* table);
+int32_t Zel_Chunk2Sg(const MemoryChunkArray* chunks, ZelSgEntry* table) __attribute__((hot));
 
 // transfers.cpp
 int32_t Zel_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t first_sector,
@@ -161,9 +161,10 @@ int32_t Zel_Read(DrvInfo* handle, void* buffer, uint32_t sectors, uint32_t first
 int32_t Zel_Write(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t first_sector,
                   uint32_t word);
 int32_t Zel_DrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t length,
-                     MemoryChunkArray* chunks);
+                     MemoryChunkArray* chunks) __attribute__((hot));
 int32_t Zel_DrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
-                      MemoryChunkArray* chunks, uint32_t flag, uint32_t* retried);
+                      MemoryChunkArray* chunks, uint32_t flag, uint32_t* retried)
+    __attribute__((hot));
 int32_t Zel_DrctRMW(DrvInfo* handle, BlockList* list);
 int32_t Zel_FatWrite(DrvInfo* handle, BlockList* list);
 int32_t Zel_SdCmdWrite(DrvInfo* handle, const void* buffer, uint32_t sectors, uint32_t cmd_arg,
