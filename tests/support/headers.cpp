@@ -1,0 +1,2 @@
+// SPDX-License-Identifier: MIT
+// The headers that CMakeLists.txt has the compiler read once.
