@@ -9,8 +9,7 @@
 
 #include <unistd.h>
 
-// Every "(123)]" becomes "(#)]".
-static std::string WithoutLineNumbers(const std::string& text)
+std::string WithoutLineNumbers(const std::string& text)
 {
     std::string result;
     for (size_t i = 0; i < text.size(); i++) {

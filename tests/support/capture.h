@@ -9,6 +9,9 @@
 // prefixes replaced: "[zel:RicohSD_Init(#)](E)...".
 std::string Printed(const std::function<void()>& body);
 
+// Every "(123)]" becomes "(#)]".
+std::string WithoutLineNumbers(const std::string& text);
+
 // The errno that `body` leaves when it finds `before` there and nothing that it
 // prints gets out: standard output is a full disk, and each printf fails.
 int ErrnoAfter(int before, const std::function<void()>& body);

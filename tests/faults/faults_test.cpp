@@ -1,0 +1,169 @@
+// SPDX-License-Identifier: MIT
+//
+// Each operation on each path through it, with every fault at every call that it makes, once
+// and for good, and with every pair of faults. What must come of it is worked out from the
+// tables beside this file; the last thing each time is the same call again without faults,
+// and the end of the device.
+#include <gtest/gtest.h>
+
+#include "tests/faults/oddities.h"
+#include "tests/faults/stand.h"
+
+namespace faults {
+
+namespace {
+
+// Some ten thousand pairs an operation: all of them on this machine. Under an emulator or a
+// sanitizer, where a run takes ten times as long, each of this many.
+#if defined(__powerpc__) || defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr uint64_t kPairStep = 53;
+constexpr int kErrors[] = {0, EBUSY};
+#else
+constexpr uint64_t kPairStep = 1;
+constexpr int kErrors[] = {0, EBUSY, ENODEV, EXFULL};
+#endif
+constexpr int kErrorOfPairs = EXFULL;
+
+constexpr int kMostComplaints = 5;
+
+struct Counts {
+    uint64_t operations = 0;
+    uint64_t singles = 0;
+    uint64_t pairs = 0;
+};
+
+std::vector<ExpectedCall> WithoutFrees(const Expected& expected)
+{
+    std::vector<ExpectedCall> calls;
+    for (const ExpectedCall& call : expected.calls) {
+        if (call.kind != cardsim::CallKind::Free) {
+            calls.push_back(call);
+        }
+    }
+    return calls;
+}
+
+Planted At(const std::vector<ExpectedCall>& calls, size_t at, const Oddity& oddity, bool stays)
+{
+    const auto mark_of = [](const ExpectedCall& call) -> Mark {
+        return {call.kind, call.node, call.request};
+    };
+    const Mark mark = mark_of(calls[at]);
+    uint64_t nth = 1;
+    for (size_t i = 0; i < at; i++) {
+        nth += mark_of(calls[i]) == mark ? 1u : 0u;
+    }
+    return {at + 1, oddity, stays ? MostTimes(oddity) : 1, mark, nth};
+}
+
+class Enumerator {
+public:
+    explicit Enumerator(const Operation& operation) : operation_(operation), stand_(operation) {}
+
+    void Run(Counts* counts)
+    {
+        counts->operations++;
+        for (const int error : kErrors) {
+            const std::vector<ExpectedCall> calls = WithoutFrees(Try({}, error));
+            for (size_t at = 0; at < calls.size(); at++) {
+                Singles(calls, at, error, counts);
+            }
+        }
+        const std::vector<ExpectedCall> calls = WithoutFrees(Try({}, kErrorOfPairs));
+        for (size_t at = 0; at < calls.size(); at++) {
+            for (const Oddity& oddity : SomeOf(calls[at])) {
+                Pairs(At(calls, at, oddity, false), counts);
+                Pairs(At(calls, at, oddity, true), counts);
+            }
+        }
+    }
+
+private:
+    void Singles(const std::vector<ExpectedCall>& calls, size_t at, int error, Counts* counts)
+    {
+        for (const Oddity& oddity : AllOf(calls[at])) {
+            for (const bool stays : {false, true}) {
+                Try({At(calls, at, oddity, stays)}, error);
+                counts->singles++;
+            }
+        }
+    }
+
+    // The first with each that can come after it.
+    void Pairs(const Planted& first, Counts* counts)
+    {
+        if (complaints_ >= kMostComplaints) {
+            return;
+        }
+        const std::vector<ExpectedCall> calls = WithoutFrees(Try({first}, kErrorOfPairs));
+        for (size_t at = first.at; at < calls.size(); at++) {
+            const Mark mark = {calls[at].kind, calls[at].node, calls[at].request};
+            if (mark == first.mark && first.times == cardsim::Fault::kForEver) {
+                continue;
+            }
+            for (const Oddity& oddity : SomeOf(calls[at])) {
+                for (const bool stays : {false, true}) {
+                    if (pairs_++ % kPairStep == 0) {
+                        Try({first, At(calls, at, oddity, stays)}, kErrorOfPairs);
+                        counts->pairs++;
+                    }
+                }
+            }
+        }
+    }
+
+    Expected Try(const Plan& plan, int error)
+    {
+        if (complaints_ >= kMostComplaints) {
+            return {};
+        }
+        std::string complaint;
+        const Expected expected = stand_.Try(plan, error, &complaint);
+        if (!complaint.empty()) {
+            complaints_++;
+            ADD_FAILURE() << operation_.name << "; " << NameOf(plan) << "errno " << error << ":\n"
+                          << complaint;
+        }
+        return expected;
+    }
+
+    const Operation& operation_;
+    Stand stand_;
+    uint64_t pairs_ = 0;
+    int complaints_ = 0;
+};
+
+void RunAll(const std::vector<Operation>& operations)
+{
+    Counts counts;
+    for (const Operation& operation : operations) {
+        SCOPED_TRACE(operation.name);
+        Enumerator(operation).Run(&counts);
+    }
+    std::printf("%llu operations and paths, %llu single faults, %llu pairs\n",
+                static_cast<unsigned long long>(counts.operations),
+                static_cast<unsigned long long>(counts.singles),
+                static_cast<unsigned long long>(counts.pairs));
+    EXPECT_LT(0u, counts.operations);
+    EXPECT_LT(0u, counts.singles);
+    EXPECT_LT(0u, counts.pairs);
+}
+
+}  // namespace
+
+TEST(Faults, Zel)
+{
+    RunAll(ZelOperations());
+}
+
+TEST(Faults, Mivo)
+{
+    RunAll(MivoOperations());
+}
+
+TEST(Faults, Ricoh)
+{
+    RunAll(RicohOperations());
+}
+
+}  // namespace faults

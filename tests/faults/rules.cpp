@@ -1,0 +1,571 @@
+// SPDX-License-Identifier: MIT
+#include "tests/faults/rules.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <poll.h>
+
+namespace faults {
+
+using cardsim::CallKind;
+
+namespace {
+
+// An operation that needs more is endless, or its table is.
+constexpr int kMostSteps = 5000;
+
+std::string Trim(const std::string& text)
+{
+    const size_t first = text.find_first_not_of(" \t");
+    if (first == std::string::npos) {
+        return "";
+    }
+    return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+std::vector<std::string> Split(const std::string& text, char at)
+{
+    std::vector<std::string> parts;
+    std::istringstream in(text);
+    for (std::string part; std::getline(in, part, at);) {
+        parts.push_back(Trim(part));
+    }
+    return parts;
+}
+
+std::vector<std::string> WordsOf(const std::string& text)
+{
+    std::vector<std::string> words;
+    std::istringstream in(text);
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+bool IsNumber(const std::string& text)
+{
+    const size_t digits = text.starts_with("-") ? 1 : 0;
+    return text.size() > digits && std::isdigit(static_cast<unsigned char>(text[digits])) != 0;
+}
+
+int64_t Number(const std::string& text)
+{
+    if (!IsNumber(text)) {
+        throw std::logic_error("not a number: '" + text + "'");
+    }
+    return std::stoll(text, nullptr, 0);
+}
+
+int ErrnoOf(const std::string& name)
+{
+    for (int error = 1; error < 140; error++) {
+        const char* known = strerrorname_np(error);
+        if (known != nullptr && name == known) {
+            return error;
+        }
+    }
+    throw std::logic_error("no such errno: " + name);
+}
+
+short EventOf(const std::string& name)
+{
+    static const std::map<std::string, short> kEvents = {
+        {"IN", POLLIN}, {"OUT", POLLOUT}, {"ERR", POLLERR}, {"HUP", POLLHUP}, {"NVAL", POLLNVAL}};
+    return kEvents.at(name);
+}
+
+short EventsOf(const std::string& text)
+{
+    short events = 0;
+    if (text != "0") {
+        for (const std::string& name : Split(text, '+')) {
+            events = static_cast<short>(events | EventOf(name));
+        }
+    }
+    return events;
+}
+
+int FlagsOf(const std::string& name)
+{
+    static const std::map<std::string, int> kFlags = {
+        {"rdwr", O_RDWR}, {"rdwr+sync", O_RDWR | O_SYNC}, {"rdonly", O_RDONLY}};
+    return kFlags.at(name);
+}
+
+std::string Fill(const std::string& text, const Parameters& own, const Parameters& general)
+{
+    std::string filled;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] != '$') {
+            filled += text[i];
+            continue;
+        }
+        size_t end = i + 1;
+        while (end < text.size() &&
+               (std::isalnum(static_cast<unsigned char>(text[end])) != 0 || text[end] == '_')) {
+            end++;
+        }
+        const std::string name = text.substr(i + 1, end - i - 1);
+        const auto mine = own.find(name);
+        const auto found = mine != own.end() ? mine : general.find(name);
+        if (found == (mine != own.end() ? own.end() : general.end())) {
+            throw std::logic_error("no parameter $" + name);
+        }
+        filled += found->second;
+        i = end - 1;
+    }
+    return filled;
+}
+
+}  // namespace
+
+// --- reading ---------------------------------------------------------------------
+
+Rules::Rules(const std::vector<Table>& tables, const Parameters& parameters)
+{
+    for (size_t i = 0; i < tables.size(); i++) {
+        Parse(tables[i], i, parameters);
+    }
+}
+
+void Rules::Parse(const Table& table, size_t number, const Parameters& parameters)
+{
+    const std::string prefix = std::to_string(number) + ".";
+    std::istringstream lines(table.text);
+    bool is_first = true;
+    for (std::string line; std::getline(lines, line);) {
+        if (Trim(line).empty() || Trim(line).starts_with("#")) {
+            continue;
+        }
+        std::vector<std::string> fields =
+            Split(Fill(line, table.parameters, parameters) + " ", '|');
+        if (fields.size() != 6) {
+            throw std::logic_error("not six fields: " + line);
+        }
+        const std::string name = prefix + fields[0];
+        if (is_first) {
+            first_.push_back(name);
+            is_first = false;
+        }
+        if (steps_.count(name) == 0) {
+            steps_[name] = ParseCall(fields[1]);
+        } else if (!fields[1].empty()) {
+            throw std::logic_error("a second call in a step: " + line);
+        }
+        Rule rule;
+        for (const std::string& word : WordsOf(fields[2])) {
+            rule.when.push_back(ParseCondition(word));
+        }
+        rule.says = fields[3];
+        for (const std::string& word : Split(fields[4], ';')) {
+            if (!word.empty()) {
+                rule.effects.push_back(ParseEffect(word));
+            }
+        }
+        const bool ends = fields[5] == "end" || fields[5] == "last" || fields[5] == "undefined" ||
+                          fields[5].starts_with("return ");
+        rule.next = ends ? fields[5] : prefix + fields[5];
+        steps_[name].rules.push_back(std::move(rule));
+    }
+    for (const auto& step : steps_) {
+        for (const Rule& rule : step.second.rules) {
+            const bool known = rule.next == "end" || rule.next == "last" ||
+                               rule.next == "undefined" || rule.next.starts_with("return ") ||
+                               steps_.count(rule.next) != 0;
+            if (!known) {
+                throw std::logic_error(step.first + " leads to no step: " + rule.next);
+            }
+        }
+    }
+}
+
+Rules::Step Rules::ParseCall(const std::string& text)
+{
+    static const std::map<std::string, CallKind> kKinds = {
+        {"stat", CallKind::Stat},     {"open", CallKind::Open}, {"close", CallKind::Close},
+        {"seek", CallKind::Seek},     {"read", CallKind::Read}, {"write", CallKind::Write},
+        {"ioctl", CallKind::Ioctl},   {"poll", CallKind::Poll}, {"sleep", CallKind::Sleep},
+        {"malloc", CallKind::Malloc}, {"free", CallKind::Free}};
+    Step step;
+    const std::vector<std::string> words = WordsOf(text);
+    if (words.empty()) {
+        return step;
+    }
+    ExpectedCall call = {};
+    call.kind = kKinds.at(words[0]);
+    size_t next = 1;
+    switch (call.kind) {
+        case CallKind::Stat:
+        case CallKind::Close:
+            call.node = words.at(next++);
+            break;
+        case CallKind::Open:
+            call.node = words.at(next++);
+            call.flags = FlagsOf(words.at(next++));
+            break;
+        case CallKind::Ioctl:
+            call.node = words.at(next++);
+            call.request = static_cast<uint32_t>(Number(words.at(next++)));
+            break;
+        case CallKind::Poll:
+            call.flags = POLLIN | POLLOUT | POLLERR | POLLHUP;
+            [[fallthrough]];
+        case CallKind::Seek:
+        case CallKind::Read:
+        case CallKind::Write:
+            call.node = words.at(next++);
+            [[fallthrough]];
+        case CallKind::Sleep:
+        case CallKind::Malloc:
+            call.amount = static_cast<uint64_t>(Number(words.at(next++)));
+            break;
+        case CallKind::Free:
+            break;
+    }
+    if (call.kind == CallKind::Seek || call.kind == CallKind::Read ||
+        call.kind == CallKind::Write) {
+        step.usual = static_cast<int64_t>(call.amount);
+    }
+    for (; next < words.size(); next++) {
+        const std::string& word = words[next];
+        if (word == "transfer") {
+            call.transfer = true;
+        } else if (word == "reset") {
+            step.reset = true;
+        } else if (word.starts_with("usual=")) {
+            const std::string value = word.substr(6);
+            step.usual = value.starts_with("-E") ? -ErrnoOf(value.substr(1)) : Number(value);
+        } else if (word.starts_with("gone=")) {
+            step.gone = ErrnoOf(word.substr(5));
+        } else {
+            throw std::logic_error("unknown word '" + word + "' in: " + text);
+        }
+    }
+    step.call = call;
+    return step;
+}
+
+Rules::Condition Rules::ParseCondition(const std::string& word)
+{
+    using Of = Condition::Of;
+    if (word.starts_with("events=")) {
+        return {Of::EventsAre, "", '=', EventsOf(word.substr(7))};
+    }
+    if (word.starts_with("events&")) {
+        return {Of::EventsHave, "", '=', EventOf(word.substr(7))};
+    }
+    if (word == "reached" || word == "!reached") {
+        return {Of::Reached, "", '=', word == "reached" ? 1 : 0};
+    }
+    if (word.starts_with("!E")) {
+        return {Of::NotError, "", '=', ErrnoOf(word.substr(1))};
+    }
+    const size_t relation = word.find_first_of("<=>");
+    if (relation == std::string::npos) {
+        return {Of::Error, "", '=', ErrnoOf(word)};
+    }
+    const Of of = relation == 0 ? Of::Answer : Of::Variable;
+    if (word.substr(relation).starts_with(">=")) {
+        return {of, word.substr(0, relation), 'G', Number(word.substr(relation + 2))};
+    }
+    return {of, word.substr(0, relation), word[relation], Number(word.substr(relation + 1))};
+}
+
+Rules::Effect Rules::ParseEffect(const std::string& word)
+{
+    if (word == "lock" || word == "unlock") {
+        return {"", word[0], 0, ""};
+    }
+    const size_t sign = word.find_first_of("=+");
+    if (sign == std::string::npos) {
+        throw std::logic_error("no effect: " + word);
+    }
+    const std::string name = word.substr(0, sign);
+    const std::string value = word.substr(sign + 1);
+    if (value == "answer") {
+        return {name, 'a', 0, ""};
+    }
+    if (!IsNumber(value)) {
+        return {name, 'v', 0, value};
+    }
+    return {name, word[sign], Number(value), ""};
+}
+
+// --- following ---------------------------------------------------------------------
+
+struct Rules::Machine {
+    const Plan& plan;
+    Variables variables;
+    Expected expected = {};
+    int error;
+    uint64_t calls = 0;            // without frees
+    std::vector<uint64_t> like{};  // of each planted fault: calls like its own since then
+    int64_t answer = 0;
+    short events = 0;
+    bool reached = false;
+    bool locked = false;
+
+    const Planted* Due(const ExpectedCall& call);
+    void Make(const Step& step);
+    int64_t Usual(const Step& step);
+    void Account(const ExpectedCall& call, bool reset);
+    bool Holds(const Condition& condition) const;
+    void Do(const Effect& effect);
+    void Say(const std::string& text);
+    int64_t Value(const std::string& text) const;
+};
+
+// The first fault of the plan that is due, as the stand-in has it.
+const Planted* Rules::Machine::Due(const ExpectedCall& call)
+{
+    const Planted* due = nullptr;
+    for (size_t i = 0; i < plan.size(); i++) {
+        const bool alike = Mark{call.kind, call.node, call.request} == plan[i].mark;
+        if (calls < plan[i].at || !alike) {
+            continue;
+        }
+        like[i]++;
+        if (like[i] <= plan[i].times && due == nullptr) {
+            due = &plan[i];
+        }
+    }
+    return due;
+}
+
+// What the driver says, and what its work changes.
+int64_t Rules::Machine::Usual(const Step& step)
+{
+    if (step.gone != 0 && variables["card"] == 0) {
+        return -step.gone;
+    }
+    if (step.call->kind == CallKind::Poll) {
+        events = variables["signal"] != 0 ? static_cast<short>(POLLOUT) : static_cast<short>(0);
+        variables["signal"] = 0;
+        return events != 0 ? 1 : 0;
+    }
+    if (step.call->transfer) {
+        variables["signal"] = 1;
+        variables["moved"] = 1;
+    }
+    if (step.reset) {
+        variables["signal"] = 0;
+        variables["resets"]++;
+    }
+    return step.usual;
+}
+
+void Rules::Machine::Make(const Step& step)
+{
+    ExpectedCall call = *step.call;
+    const Planted* fault = nullptr;
+    if (call.kind != CallKind::Free) {
+        calls++;
+        fault = Due(call);
+    }
+    const Oddity* odd = fault != nullptr ? &fault->oddity : nullptr;
+    reached = odd == nullptr || odd->reaches || (odd->error == 0 && !odd->result);
+    events = 0;
+    int64_t result = reached ? Usual(step) : 0;
+    reached = reached && result >= 0;
+    if (odd != nullptr && odd->at_most && result > *odd->at_most) {
+        result = *odd->at_most;
+    }
+    if (odd != nullptr && odd->events) {
+        events = *odd->events;
+        result = events != 0 ? 1 : 0;
+    }
+    call.result = result < 0 ? -1 : result;
+    call.error = result < 0 ? static_cast<int>(-result) : 0;
+    if (odd != nullptr && (odd->error != 0 || odd->result)) {
+        call.result = odd->result.value_or(-1);
+        call.error = odd->error;
+    }
+    if (call.error != 0) {
+        error = call.error;
+    }
+    call.locked = locked;
+    answer = call.result;
+    const bool took = reached && call.error == 0;
+    switch (call.kind) {
+        case CallKind::Open:
+            variables["files"] += took ? 1 : 0;
+            break;
+        case CallKind::Close:
+            variables["files"] -= reached ? 1 : 0;
+            break;
+        case CallKind::Malloc:
+            variables["blocks"] += took ? 1 : 0;
+            break;
+        case CallKind::Free:
+            variables["blocks"]--;
+            break;
+        default:
+            break;
+    }
+    expected.calls.push_back(std::move(call));
+}
+
+bool Rules::Machine::Holds(const Condition& condition) const
+{
+    using Of = Condition::Of;
+    int64_t value = 0;
+    switch (condition.of) {
+        case Of::Error:
+            return error == condition.value;
+        case Of::NotError:
+            return error != condition.value;
+        case Of::EventsAre:
+            return events == condition.value;
+        case Of::EventsHave:
+            return (events & condition.value) != 0;
+        case Of::Reached:
+            return reached == (condition.value != 0);
+        case Of::Answer:
+            value = answer;
+            break;
+        case Of::Variable: {
+            value = Value(condition.name);
+            break;
+        }
+    }
+    switch (condition.relation) {
+        case '<':
+            return value < condition.value;
+        case '>':
+            return value > condition.value;
+        case 'G':
+            return value >= condition.value;
+        default:
+            return value == condition.value;
+    }
+}
+
+int64_t Rules::Machine::Value(const std::string& text) const
+{
+    if (IsNumber(text)) {
+        return Number(text);
+    }
+    if (text == "-errno") {
+        return -error;
+    }
+    if (text == "answer") {
+        return answer;
+    }
+    const auto found = variables.find(text);
+    return found == variables.end() ? 0 : found->second;
+}
+
+void Rules::Machine::Do(const Effect& effect)
+{
+    switch (effect.what) {
+        case 'l':
+            locked = true;
+            break;
+        case 'u':
+            locked = false;
+            break;
+        case '+':
+            variables[effect.name] += effect.value;
+            break;
+        case 'a':
+            variables[effect.name] = answer;
+            break;
+        case 'v':
+            variables[effect.name] = Value(effect.other);
+            break;
+        default:
+            variables[effect.name] = effect.value;
+            break;
+    }
+}
+
+// "E zel:Zel_Init: text"
+void Rules::Machine::Say(const std::string& text)
+{
+    if (text.empty()) {
+        return;
+    }
+    std::string line = text.substr(2);
+    if (text[0] != 'P') {
+        const size_t end = line.find(": ");
+        line = "[" + line.substr(0, end) + "(#)](" + text[0] + ")" + line.substr(end + 2);
+    }
+    std::string filled;
+    for (size_t i = 0; i < line.size(); i++) {
+        const size_t end = line[i] == '{' ? line.find('}', i) : std::string::npos;
+        if (end == std::string::npos) {
+            filled += line[i];
+            continue;
+        }
+        const std::string name = line.substr(i + 1, end - i - 1);
+        filled += name == "errno" ? strerror(error) : std::to_string(Value(name));
+        i = end;
+    }
+    if (filled.ends_with("~")) {
+        filled.pop_back();
+    } else {
+        filled += "\n";
+    }
+    expected.printed += filled;
+}
+
+Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) const
+{
+    Machine machine{.plan = plan, .variables = *state, .error = error_before};
+    machine.like.resize(plan.size());
+    size_t table = 0;
+    std::string at = first_.at(0);
+    for (int count = 0; count < kMostSteps; count++) {
+        const Step& step = steps_.at(at);
+        machine.answer = 0;
+        if (step.call) {
+            machine.Make(step);
+        }
+        const Rule* found = nullptr;
+        for (const Rule& rule : step.rules) {
+            bool holds = true;
+            for (const Condition& condition : rule.when) {
+                holds = holds && machine.Holds(condition);
+            }
+            if (holds) {
+                found = &rule;
+                break;
+            }
+        }
+        if (found == nullptr) {
+            throw std::logic_error("no rule for what happened at " + at);
+        }
+        machine.Say(found->says);
+        for (const Effect& effect : found->effects) {
+            machine.Do(effect);
+        }
+        if (found->next == "end") {
+            at = first_.at(++table);
+        } else if (found->next == "last") {
+            at = first_.back();
+        } else if (found->next == "undefined" || found->next.starts_with("return ")) {
+            machine.expected.defined = found->next != "undefined";
+            if (machine.expected.defined) {
+                machine.expected.result = machine.Value(found->next.substr(7));
+            }
+            machine.expected.error = machine.error;
+            if (machine.locked) {
+                throw std::logic_error("the table returns with the lock held at " + at);
+            }
+            for (auto& [name, value] : *state) {
+                value = machine.variables[name];
+            }
+            return machine.expected;
+        } else {
+            at = found->next;
+        }
+    }
+    throw std::logic_error("the table has no end at " + at);
+}
+
+}  // namespace faults

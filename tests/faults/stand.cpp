@@ -1,0 +1,505 @@
+// SPDX-License-Identifier: MIT
+#include "tests/faults/stand.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "carddev_state.h"
+#include "ricohsd/ricohsd.h"
+#include "tests/faults/calls.h"
+#include "tests/faults/lock_watch.h"
+#include "tests/faults/oddities.h"
+#include "tests/support/capture.h"
+#include "tests/support/handle.h"
+
+namespace faults {
+
+using cardsim::CallKind;
+
+namespace {
+
+constexpr uint32_t kCardSectors = 2048;
+constexpr unsigned kZelUnit = 2;
+constexpr unsigned kMivoUnit = 1;
+constexpr uint8_t kRtStatus = 129;
+constexpr uint8_t kDelayStatus = 2;
+constexpr uint8_t kOnForWait = 3;
+
+int callbacks;
+bool callback_saw_lock;
+
+void OnEject()
+{
+    callbacks++;
+    callback_saw_lock = callback_saw_lock || Locks().held != 0;
+}
+
+const char* PathOf(Site site)
+{
+    switch (site) {
+        case Site::Zel:
+            return "/dev/spdc";
+        case Site::Mivo:
+            return "/dev/mivosdif1";
+        default:
+            return cardsim::kRicohNode;
+    }
+}
+
+void Fill(uint8_t* bytes, size_t length, uint8_t first)
+{
+    for (size_t i = 0; i < length; i++) {
+        bytes[i] = static_cast<uint8_t>(first + i * 7 + i / 512);
+    }
+}
+
+bool IsBlank(const void* record, size_t length)
+{
+    const auto* bytes = static_cast<const uint8_t*>(record);
+    return std::all_of(bytes, bytes + length, [](uint8_t byte) { return byte == 0; });
+}
+
+bool Matches(const ExpectedCall& expected, const cardsim::Call& call)
+{
+    // Descriptors are what they are.
+    const bool opens = call.kind == CallKind::Open && call.result >= 0;
+    return expected.kind == call.kind && expected.node == call.node &&
+           expected.request == call.request && expected.flags == call.flags &&
+           expected.amount == call.amount &&
+           (opens ? expected.result >= 0 : expected.result == call.result) &&
+           expected.error == call.error;
+}
+
+cardsim::Call AsCall(const ExpectedCall& expected)
+{
+    cardsim::Call call;
+    call.kind = expected.kind;
+    call.node = expected.node;
+    call.request = expected.request;
+    call.flags = expected.flags;
+    call.amount = expected.amount;
+    call.result = expected.result;
+    call.error = expected.error;
+    return call;
+}
+
+}  // namespace
+
+std::string NameOf(const Plan& plan)
+{
+    std::string name;
+    for (const Planted& fault : plan) {
+        cardsim::Call call;
+        call.kind = fault.mark.kind;
+        call.node = fault.mark.node;
+        call.request = fault.mark.request;
+        name += "call " + std::to_string(fault.at) + ", " + cardsim::Describe(call) +
+                (fault.times > 1 ? " and on: " : ": ") + fault.oddity.name + "; ";
+    }
+    return name.empty() ? "no fault" : name;
+}
+
+Stand::Stand(const Operation& operation)
+    : op_(operation),
+      rules_(operation.tables, operation.parameters),
+      card_(cardsim::Card::InMemory(kCardSectors)),
+      console_(open_memstream(&text_, &length_))
+{
+    // A CID that says, read as a CSD, that blocks are shorter than a sector.
+    for (size_t i = 0; i < sizeof card_->model().cid; i++) {
+        card_->model().cid[i] = static_cast<uint8_t>(0xC0 + i * 16);
+    }
+    for (size_t i = 0; i < sizeof card_->model().sd_status; i++) {
+        // The bytes that sizes are computed from stay zero.
+        card_->model().sd_status[i] = static_cast<uint8_t>(i < 4 || i > 7 ? i * 5 + 1 : 0);
+    }
+    // An allocation unit of 8 MiB.
+    card_->model().sd_status[16] = 0;
+    card_->model().sd_status[17] = 8;
+    card_->model().write_protected = op_.setup.protect;
+    if (op_.site == Site::Zel) {
+        slots_ = cardsim::ZelSlots::Create(*kernel_);
+        slots_->Insert(kZelUnit, card_);
+        slots_->With([](sim_zel& zel) {
+            zel.rt.rt_status = kRtStatus;
+            zel.rt.delay_status = kDelayStatus;
+            zel.rt.on_for_wait = kOnForWait;
+        });
+    } else if (op_.site == Site::Mivo) {
+        units_ = cardsim::MivoUnits::Create(*kernel_);
+        units_->Insert(kMivoUnit, card_);
+    } else {
+        host_ = cardsim::RicohHost::Create(*kernel_);
+        host_->Insert(card_);
+    }
+}
+
+Stand::~Stand()
+{
+    fclose(console_);
+    free(text_);
+}
+
+std::string Stand::Captured(const std::function<void()>& body)
+{
+    FILE* const terminal = stdout;
+    rewind(console_);
+    stdout = console_;
+    body();
+    stdout = terminal;
+    fflush(console_);
+    return WithoutLineNumbers(std::string(text_, length_));
+}
+
+void Stand::Complain(const std::string& what)
+{
+    complaint_ += what + "\n";
+}
+
+void Stand::Expect(bool holds, const char* what)
+{
+    if (!holds) {
+        Complain(what);
+    }
+}
+
+// --- what comes before -----------------------------------------------------------------
+
+void Stand::Prepare()
+{
+    Subject& on = *subject_;
+    const Setup& setup = op_.setup;
+    Locks() = {};
+    callbacks = 0;
+    callback_saw_lock = false;
+    on.handle = HandleFor(PathOf(op_.site));
+    if (setup.life != Life::Detects) {
+        Expect(DevDetect(&on.handle) == 0, "set-up: not detected");
+    }
+    if (setup.life == Life::Works || setup.life == Life::Closes) {
+        Expect(DevInit(&on.handle) == 0, "set-up: not opened");
+        if (setup.asked) {
+            SdStatus(on);
+            Info(on);
+            Speed(on);
+        }
+        if (setup.watched) {
+            CARD_Init(&on.handle, 0, OnEject);
+        }
+        if (setup.failed) {
+            cardsim::Fault fault;
+            fault.kind = CallKind::Ioctl;
+            fault.times = cardsim::Fault::kForEver;
+            fault.error = EIO;
+            kernel_->Inject(fault);
+            CommandWrite(on);
+            kernel_->ClearFaults();
+        }
+    }
+    if (setup.gone || setup.changed) {
+        slots_ ? slots_->Eject(kZelUnit) : units_->Eject(kMivoUnit);
+    }
+    if (setup.changed) {
+        slots_ ? slots_->Insert(kZelUnit, card_) : units_->Insert(kMivoUnit, card_);
+    }
+    std::vector<uint8_t> sectors(size_t{kMoved} * 512);
+    Fill(sectors.data(), sectors.size(), 0x11);
+    card_->model().write_protected = false;
+    sim_card_write(&card_->model(), uint64_t{kSector} * 512, sectors.data(), kMoved * 512);
+    card_->model().write_protected = setup.protect;
+    Fill(on.memory.data(), on.memory.size(), 0x88);
+    on.retried = kUntouched;
+}
+
+Variables Stand::StateBefore() const
+{
+    const Setup& setup = op_.setup;
+    const bool open = setup.life == Life::Works || setup.life == Life::Closes;
+    // An opened Zel device has been asked for its size.
+    const bool known = open && (setup.asked || op_.site == Site::Zel);
+    int64_t resets = 0;
+    bool mounted = false;
+    if (slots_) {
+        slots_->With([&](const sim_zel& zel) { resets = zel.slot[kZelUnit].resets; });
+    } else if (units_) {
+        units_->With([&](const sim_mivo& mivo) {
+            resets = mivo.unit[kMivoUnit].resets;
+            mounted = mivo.unit[kMivoUnit].mounted;
+        });
+    }
+    return {{"card", setup.gone ? 0 : 1},
+            {"changed", setup.changed ? 1 : 0},
+            {"armed", setup.watched ? 1 : 0},
+            {"io_error", setup.failed ? 1 : 0},
+            {"ejected", 0},
+            {"callbacks", 0},
+            {"signal", 0},
+            {"resets", resets},
+            {"moved", 0},
+            {"filled", 0},
+            {"retried", kUntouched},
+            {"secure", known ? 1 : 0},
+            {"reg", known ? 1 : 0},
+            {"speed", open && setup.asked && op_.site != Site::Ricoh ? 1 : 0},
+            {"has_cid", known ? 1 : 0},
+            {"has_csd", known ? 2 : 0},
+            {"has_speed", open && setup.asked ? 1 : 0},
+            {"mounted", mounted ? 1 : 0},
+            {"files", static_cast<int64_t>(kernel_->OpenFiles())},
+            {"blocks", static_cast<int64_t>(kernel_->LiveBlocks() - lost_blocks_)}};
+}
+
+// --- what happens ------------------------------------------------------------------------
+
+void Stand::Inject(const Plan& plan)
+{
+    const auto look = [this] { locked_.push_back(Locks().held > 0); };
+    for (const Planted& planted : plan) {
+        cardsim::Fault fault;
+        fault.kind = planted.mark.kind;
+        fault.node = planted.mark.node;
+        if (planted.mark.kind == CallKind::Ioctl) {
+            fault.request = planted.mark.request;
+        }
+        fault.first = planted.nth;
+        fault.times = planted.times;
+        fault.error = planted.oddity.error;
+        fault.result = planted.oddity.result;
+        fault.revents = planted.oddity.events;
+        fault.reach_driver = planted.oddity.reaches;
+        fault.at_most = planted.oddity.at_most;
+        fault.then = look;
+        kernel_->Inject(fault);
+    }
+    cardsim::Fault watch;
+    watch.times = cardsim::Fault::kForEver;
+    watch.then = look;
+    kernel_->Inject(watch);
+}
+
+Stand::Happened Stand::Run(const Plan& plan, int error_before)
+{
+    Happened happened;
+    memset(&subject_->info, 0xEE, sizeof subject_->info);
+    memset(&subject_->speed, 0xEE, sizeof subject_->speed);
+    memset(subject_->sd_status, 0xEE, sizeof subject_->sd_status);
+    kernel_->ClearCalls();
+    locked_.clear();
+    Inject(plan);
+    happened.printed = Captured([&] {
+        errno = error_before;
+        happened.result = op_.run(*subject_);
+        happened.error = errno;
+    });
+    kernel_->ClearFaults();
+    happened.calls = kernel_->Calls();
+    happened.locked = locked_;
+    return happened;
+}
+
+Expected Stand::Try(const Plan& plan, int error_before, std::string* complaint)
+{
+    complaint_.clear();
+    if (slots_ && op_.setup.gone) {
+        slots_->Insert(kZelUnit, card_);
+    } else if (units_ && op_.setup.gone) {
+        units_->Insert(kMivoUnit, card_);
+    }
+    Captured([&] { Prepare(); });
+    Variables state = StateBefore();
+    const Expected expected = rules_.Follow(plan, error_before, &state);
+    const Happened happened = Run(plan, error_before);
+    Expect(IsLockFree(), "the lock is held, or was given back too often");
+    Expect(!callback_saw_lock, "the callback ran with the lock held");
+    if (expected.defined) {
+        Compare(expected, happened);
+        CompareState(state);
+        CompareData(expected, state);
+    }
+    if (op_.setup.life == Life::Opens && happened.result < 0 && !expected.defined) {
+        state["blocks"] = static_cast<int64_t>(kernel_->LiveBlocks() - lost_blocks_);
+    }
+    Leave(expected.defined
+              ? expected
+              : Expected{.calls = {}, .printed = {}, .result = happened.result, .defined = false},
+          std::move(state), error_before);
+    *complaint = complaint_;
+    return expected;
+}
+
+// --- what comes of it ----------------------------------------------------------------------
+
+bool Stand::IsLockFree()
+{
+    const LockWatch& watch = Locks();
+    if (watch.held != 0 || watch.odd) {
+        return false;
+    }
+    pthread_mutex_t* lock = slots_   ? &zel_dev[kZelUnit].lock
+                            : units_ ? &mivo_dev[kMivoUnit].lock
+                                     : nullptr;
+    if (lock == nullptr) {
+        return true;
+    }
+    if (pthread_mutex_trylock(lock) != 0) {
+        return false;
+    }
+    Locks().held++;  // the trial's
+    pthread_mutex_unlock(lock);
+    return true;
+}
+
+void Stand::Compare(const Expected& expected, const Happened& happened)
+{
+    bool alike = expected.calls.size() == happened.calls.size();
+    std::vector<bool> locked;
+    for (size_t i = 0; alike && i < expected.calls.size(); i++) {
+        alike = Matches(expected.calls[i], happened.calls[i]);
+    }
+    for (const ExpectedCall& call : expected.calls) {
+        if (call.kind != CallKind::Free) {
+            locked.push_back(call.locked);
+        }
+    }
+    if (!alike) {
+        std::string text = "expected calls:\n";
+        for (const ExpectedCall& call : expected.calls) {
+            text += "    " + cardsim::Describe(AsCall(call)) + "\n";
+        }
+        text += "calls:\n";
+        for (const cardsim::Call& call : happened.calls) {
+            text += "    " + cardsim::Describe(call) + "\n";
+        }
+        Complain(text);
+    } else if (locked != happened.locked) {
+        Complain("calls were made with the lock held that should not, or the other way round");
+    }
+    if (expected.printed != happened.printed) {
+        Complain("expected lines:\n" + expected.printed + "lines:\n" + happened.printed);
+    }
+    if (expected.result != happened.result) {
+        Complain("result " + std::to_string(happened.result) + " instead of " +
+                 std::to_string(expected.result));
+    }
+    if (expected.error != happened.error) {
+        Complain("errno " + std::to_string(happened.error) + " instead of " +
+                 std::to_string(expected.error));
+    }
+}
+
+void Stand::CompareState(const Variables& state)
+{
+    Expect(state.at("callbacks") == callbacks, "the callback ran too often, or not often enough");
+    Expect(state.at("retried") == subject_->retried, "retried is wrong");
+    Expect(state.at("files") == static_cast<int64_t>(kernel_->OpenFiles()),
+           "descriptors are out of balance");
+    Expect(state.at("blocks") == static_cast<int64_t>(kernel_->LiveBlocks() - lost_blocks_),
+           "memory is out of balance");
+    if (slots_) {
+        slots_->With([&](const sim_zel& zel) {
+            Expect(state.at("resets") == zel.slot[kZelUnit].resets, "resets do not add up");
+            Expect(state.at("signal") == zel.slot[kZelUnit].finished, "an end is left over");
+        });
+        Expect(state.at("io_error") == zel_dev[kZelUnit].io_error, "io_error is wrong");
+        Expect(state.at("ejected") == zel_dev[kZelUnit].ejected, "ejected is wrong");
+        Expect(state.at("reg") == (zel_dev[kZelUnit].reg_buf != nullptr) &&
+                   state.at("secure") == (zel_dev[kZelUnit].secure_buf != nullptr) &&
+                   state.at("speed") == (zel_dev[kZelUnit].speed_buf != nullptr),
+               "a copy is there that should not, or the other way round");
+    } else if (units_) {
+        units_->With([&](const sim_mivo& mivo) {
+            Expect(state.at("resets") == mivo.unit[kMivoUnit].resets, "resets do not add up");
+            Expect(state.at("signal") == mivo.unit[kMivoUnit].finished, "an end is left over");
+            Expect(state.at("mounted") == mivo.unit[kMivoUnit].mounted,
+                   "the driver counts the unit as mounted, or not");
+        });
+        Expect(state.at("io_error") == mivo_dev[kMivoUnit].io_error, "io_error is wrong");
+        Expect(state.at("ejected") == mivo_dev[kMivoUnit].ejected, "ejected is wrong");
+        Expect(state.at("reg") == (mivo_dev[kMivoUnit].reg_buf != nullptr) &&
+                   state.at("secure") == (mivo_dev[kMivoUnit].secure_buf != nullptr) &&
+                   state.at("speed") == (mivo_dev[kMivoUnit].speed_buf != nullptr),
+               "a copy is there that should not, or the other way round");
+    } else {
+        Expect(state.at("reg") == (ricoh_sd_dev[0].reg_buf != nullptr) &&
+                   state.at("secure") == (ricoh_sd_dev[0].secure_buf != nullptr),
+               "a copy is there that should not, or the other way round");
+    }
+}
+
+void Stand::CompareData(const Expected& expected, const Variables& state)
+{
+    std::vector<uint8_t> sectors(size_t{kMoved} * 512);
+    std::vector<uint8_t> pattern(sectors.size());
+    sim_card_read(&card_->model(), uint64_t{kSector} * 512, sectors.data(), kMoved * 512);
+    if (op_.moves != Moves::Nothing && expected.result >= 0 && state.at("moved") != 0) {
+        Fill(pattern.data(), pattern.size(), op_.moves == Moves::FromCard ? 0x11 : 0x88);
+        Expect(memcmp(sectors.data(), subject_->memory.data(), sectors.size()) == 0 &&
+                   sectors == pattern,
+               "the data are wrong");
+    } else if (op_.moves != Moves::ToCard) {
+        Fill(pattern.data(), pattern.size(), 0x11);
+        Expect(sectors == pattern, "the card's data have changed");
+    }
+    if (op_.verify != nullptr) {
+        const std::string wrong = op_.verify(*subject_, card_->model(), state);
+        if (!wrong.empty()) {
+            Complain(wrong);
+        }
+    }
+}
+
+// The same again without a fault, then the end; nothing is left but what an opening that
+// failed is known to lose.
+void Stand::Leave(const Expected& expected, Variables state, int error_before)
+{
+    const Life life = op_.setup.life;
+    Subject& on = *subject_;
+    if (life == Life::Opens && expected.result < 0) {
+        // The record begins afresh, and what it owned is lost.
+        lost_blocks_ += static_cast<size_t>(state["blocks"]);
+        for (const char* own : {"blocks", "reg", "secure", "speed", "has_cid", "has_csd"}) {
+            state[own] = 0;
+        }
+        state["files"] = static_cast<int64_t>(kernel_->OpenFiles());
+    }
+    const bool again = life == Life::Works ||
+                       ((life == Life::Opens || life == Life::Detects) && expected.result < 0);
+    if (again) {
+        state["filled"] = state["moved"] = 0;
+        const Expected next = rules_.Follow({}, error_before, &state);
+        const Happened then = Run({}, error_before);
+        const size_t before = complaint_.size();
+        if (next.defined && (expected.defined || life != Life::Works)) {
+            Compare(next, then);
+            CompareState(state);
+            CompareData(next, state);
+        }
+        if (complaint_.size() != before) {
+            complaint_.insert(before, "in a further call without faults: ");
+        }
+        Expect(IsLockFree(), "the lock is held after a further call");
+    }
+    Captured([&] {
+        if (life == Life::Closes) {
+            Expect(IsBlank(&on.handle, sizeof on.handle), "the handle is not cleared");
+            on.handle = HandleFor(PathOf(op_.site));
+            Expect(DevDetect(&on.handle) == 0 && DevInit(&on.handle) == 0, "not opened again");
+        }
+        if (life != Life::Detects) {
+            uint16_t status = 0;
+            const int32_t code = CARD_Getstatus(&on.handle, &status);
+            const bool removed = life == Life::Works && op_.site != Site::Ricoh &&
+                                 op_.setup.watched &&
+                                 (op_.setup.gone || op_.setup.changed || state["ejected"] != 0);
+            Expect(code == (removed ? CARD_CODE_REMOVED : 0), "the status is wrong in the end");
+            DevExit(&on.handle);
+        }
+    });
+    Expect(kernel_->OpenFiles() == 0, "descriptors are left over");
+    Expect(kernel_->LiveBlocks() == lost_blocks_, "memory is left over");
+}
+
+}  // namespace faults

@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: MIT
+//
+// Runs an operation under a plan of faults and compares what happened with what its tables
+// say.
+#ifndef CARDDEV_TESTS_FAULTS_STAND_H
+#define CARDDEV_TESTS_FAULTS_STAND_H
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sim/mivo_driver.h"
+#include "sim/ricoh_driver.h"
+#include "sim/zel_driver.h"
+#include "tests/faults/rules.h"
+#include "tests/faults/tables.h"
+
+namespace faults {
+
+class Stand {
+public:
+    explicit Stand(const Operation& operation);
+    ~Stand();
+    Stand(const Stand&) = delete;
+    Stand& operator=(const Stand&) = delete;
+
+    // What the tables expect of the plan. `complaint` says what was otherwise; "" where
+    // nothing was.
+    Expected Try(const Plan& plan, int error_before, std::string* complaint);
+
+private:
+    struct Happened {
+        int64_t result = 0;
+        int error = 0;
+        std::string printed = {};
+        std::vector<cardsim::Call> calls = {};
+        std::vector<bool> locked = {};  // without frees
+    };
+
+    void Prepare();
+    Happened Run(const Plan& plan, int error_before);
+    void Inject(const Plan& plan);
+    Variables StateBefore() const;
+    void Compare(const Expected& expected, const Happened& happened);
+    void CompareState(const Variables& state);
+    void CompareData(const Expected& expected, const Variables& state);
+    void Leave(const Expected& expected, Variables state, int error_before);
+    void Complain(const std::string& what);
+    void Expect(bool holds, const char* what);
+    std::string Captured(const std::function<void()>& body);
+    bool IsLockFree();
+
+    const Operation& op_;
+    Rules rules_;
+    std::shared_ptr<cardsim::Card> card_;
+    std::unique_ptr<cardsim::Kernel> kernel_ = std::make_unique<cardsim::Kernel>();
+    std::shared_ptr<cardsim::ZelSlots> slots_;
+    std::shared_ptr<cardsim::MivoUnits> units_;
+    std::shared_ptr<cardsim::RicohHost> host_;
+    std::unique_ptr<Subject> subject_ = std::make_unique<Subject>();
+    std::vector<bool> locked_;
+    size_t lost_blocks_ = 0;  // by openings that failed
+    std::string complaint_;
+    FILE* console_ = nullptr;
+    char* text_ = nullptr;
+    size_t length_ = 0;
+};
+
+// "call 3 ioctl(...) for ever: EIO"
+std::string NameOf(const Plan& plan);
+
+}  // namespace faults
+
+#endif
