@@ -4,6 +4,9 @@
 // and for good, and with every pair of faults. What must come of it is worked out from the
 // tables beside this file; the last thing each time is the same call again without faults,
 // and the end of the device.
+#include <cerrno>
+#include <cstring>
+
 #include <gtest/gtest.h>
 
 #include "tests/faults/oddities.h"
@@ -43,22 +46,58 @@ std::vector<ExpectedCall> WithoutFrees(const Expected& expected)
     return calls;
 }
 
+uint64_t CountBefore(const std::vector<ExpectedCall>& calls, size_t at, const Mark& mark)
+{
+    uint64_t count = 0;
+    for (size_t i = 0; i < at; i++) {
+        count += mark.Covers(calls[i]) ? 1u : 0u;
+    }
+    return count;
+}
+
 Planted At(const std::vector<ExpectedCall>& calls, size_t at, const Oddity& oddity, bool stays)
 {
-    const auto mark_of = [](const ExpectedCall& call) -> Mark {
-        return {call.kind, call.node, call.request};
-    };
-    const Mark mark = mark_of(calls[at]);
-    uint64_t nth = 1;
-    for (size_t i = 0; i < at; i++) {
-        nth += mark_of(calls[i]) == mark ? 1u : 0u;
+    const Mark mark = Mark::Of(calls[at]);
+    return {at + 1, oddity, stays ? MostTimes(oddity) : 1, mark, CountBefore(calls, at, mark) + 1};
+}
+
+// A fault once and, where that is another matter, for good.
+std::vector<Planted> Both(const std::vector<ExpectedCall>& calls, size_t at, const Oddity& oddity)
+{
+    std::vector<Planted> both = {At(calls, at, oddity, false)};
+    if (MostTimes(oddity) > 1) {
+        both.push_back(At(calls, at, oddity, true));
     }
-    return {at + 1, oddity, stays ? MostTimes(oddity) : 1, mark, nth};
+    return both;
+}
+
+// From there on nothing works any more, but for closing.
+Plan DeadFrom(const std::vector<ExpectedCall>& calls, size_t at, const Oddity& oddity)
+{
+    using cardsim::CallKind;
+    Plan plan;
+    for (const CallKind kind :
+         {CallKind::Stat, CallKind::Open, CallKind::Seek, CallKind::Read, CallKind::Write,
+          CallKind::Ioctl, CallKind::Poll, CallKind::Sleep, CallKind::Malloc}) {
+        const Mark mark = {.kind = kind};
+        plan.push_back(
+            {at + 1, oddity, cardsim::Fault::kForEver, mark, CountBefore(calls, at, mark) + 1});
+    }
+    return plan;
+}
+
+std::vector<Oddity> WithCardMoves(std::vector<Oddity> oddities)
+{
+    oddities.insert(oddities.end(), CardMoves().begin(), CardMoves().end());
+    return oddities;
 }
 
 class Enumerator {
 public:
-    explicit Enumerator(const Operation& operation) : operation_(operation), stand_(operation) {}
+    Enumerator(const Operation& operation, const std::vector<Operation>& others)
+        : operation_(operation), stand_(operation, others)
+    {
+    }
 
     void Run(Counts* counts)
     {
@@ -71,9 +110,10 @@ public:
         }
         const std::vector<ExpectedCall> calls = WithoutFrees(Try({}, kErrorOfPairs));
         for (size_t at = 0; at < calls.size(); at++) {
-            for (const Oddity& oddity : SomeOf(calls[at])) {
-                Pairs(At(calls, at, oddity, false), counts);
-                Pairs(At(calls, at, oddity, true), counts);
+            for (const Oddity& oddity : WithCardMoves(SomeOf(calls[at]))) {
+                for (const Planted& first : Both(calls, at, oddity)) {
+                    Pairs(first, counts);
+                }
             }
         }
     }
@@ -81,11 +121,16 @@ public:
 private:
     void Singles(const std::vector<ExpectedCall>& calls, size_t at, int error, Counts* counts)
     {
-        for (const Oddity& oddity : AllOf(calls[at])) {
-            for (const bool stays : {false, true}) {
-                Try({At(calls, at, oddity, stays)}, error);
+        for (const Oddity& oddity : WithCardMoves(AllOf(calls[at]))) {
+            for (const Planted& fault : Both(calls, at, oddity)) {
+                Try({fault}, error);
                 counts->singles++;
             }
+        }
+        for (const int death : {EIO, EBUSY, ENODEV, ENOMEM}) {
+            const Oddity oddity = {.name = strerrorname_np(death), .error = death};
+            Try(DeadFrom(calls, at, oddity), error);
+            counts->singles++;
         }
     }
 
@@ -96,15 +141,14 @@ private:
             return;
         }
         const std::vector<ExpectedCall> calls = WithoutFrees(Try({first}, kErrorOfPairs));
-        for (size_t at = first.at; at < calls.size(); at++) {
-            const Mark mark = {calls[at].kind, calls[at].node, calls[at].request};
-            if (mark == first.mark && first.times == cardsim::Fault::kForEver) {
+        for (size_t at = static_cast<size_t>(first.at); at < calls.size(); at++) {
+            if (first.mark.Covers(calls[at]) && first.times == cardsim::Fault::kForEver) {
                 continue;
             }
-            for (const Oddity& oddity : SomeOf(calls[at])) {
-                for (const bool stays : {false, true}) {
+            for (const Oddity& oddity : WithCardMoves(SomeOf(calls[at]))) {
+                for (const Planted& second : Both(calls, at, oddity)) {
                     if (pairs_++ % kPairStep == 0) {
-                        Try({first, At(calls, at, oddity, stays)}, kErrorOfPairs);
+                        Try({first, second}, kErrorOfPairs);
                         counts->pairs++;
                     }
                 }
@@ -138,7 +182,7 @@ void RunAll(const std::vector<Operation>& operations)
     Counts counts;
     for (const Operation& operation : operations) {
         SCOPED_TRACE(operation.name);
-        Enumerator(operation).Run(&counts);
+        Enumerator(operation, operations).Run(&counts);
     }
     std::printf("%llu operations and paths, %llu single faults, %llu pairs\n",
                 static_cast<unsigned long long>(counts.operations),

@@ -12,7 +12,7 @@ namespace {
 constexpr char kCheck[] = R"(
 check  |                       | armed=0            | |                         | end
 check  |                       |                    | | lock                    | ask
-ask    | ioctl $C 0x4006D300   | =0 card=1          | | unlock                  | end
+ask    | ioctl $C 0x4006D300   | =0 saw_card=1      | | unlock                  | end
 ask    |                       | =0                 | | unlock; ejected=1; callbacks+1 | end
 ask    |                       | =1                 | | unlock; ejected=1; callbacks+1 | end
 ask    |                       | >0                 | | unlock                  | end
@@ -170,8 +170,10 @@ stat   |                       |                    | |                         
 constexpr char kInit[] = R"(
 chr    | open $C rdwr          | <0                 | E mivosdif:Mivo_Init: open[$C] failed : {errno} | | return -1
 chr    |                       |                    | |                         | mount
-mount  | ioctl $C 0x2000D318   | <0                 | E mivosdif:Mivo_Init: MIVOSDIF_IOC_MNTFS ioctl[$C] failed : {errno} | | chr_
-mount  |                       |                    | | result=answer; mounted=1 | table
+mount  | ioctl $C 0x2000D318 gone=ENODEV | <0 seen  | E mivosdif:Mivo_Init: MIVOSDIF_IOC_MNTFS ioctl[$C] failed : {errno} | mounted=0 | chr_
+mount  |                       | <0                 | E mivosdif:Mivo_Init: MIVOSDIF_IOC_MNTFS ioctl[$C] failed : {errno} | | chr_
+mount  |                       | reached            | | result=answer; mounted=1 | table
+mount  |                       |                    | | result=answer; mounted=0 | table
 table  | malloc 16392          | <0                 | E mivosdif:Mivo_Init: Malloc sg table failed : {errno} | | chr_
 table  |                       |                    | |                         | clear
 clear  | poll $C 1             |                    | P Wrapper low-level driver for SD card-CardBus adaptor ver.0.11 | | return result

@@ -185,8 +185,20 @@ const std::vector<Oddity>& SomeOf(const ExpectedCall& call)
     }
 }
 
+const std::vector<Oddity>& CardMoves()
+{
+    static const std::vector<Oddity> kMoves = {
+        {.name = "the card leaves", .card = CardMove::Leaves},
+        {.name = "the card is exchanged", .card = CardMove::IsExchanged},
+    };
+    return kMoves;
+}
+
 uint64_t MostTimes(const Oddity& oddity)
 {
+    if (oddity.card != CardMove::Stays) {
+        return 1;
+    }
     return oddity.result.value_or(0) > 0 && !oddity.events ? 25 : cardsim::Fault::kForEver;
 }
 

@@ -16,6 +16,9 @@ const std::vector<Oddity>& AllOf(const ExpectedCall& call);
 // One for each way that is told from the others: for pairs.
 const std::vector<Oddity>& SomeOf(const ExpectedCall& call);
 
+// What can befall the card at any call.
+const std::vector<Oddity>& CardMoves();
+
 // How often it may befall a call and those like it: a driver that says "not yet" for ever is
 // asked for ever.
 uint64_t MostTimes(const Oddity& oddity);

@@ -10,7 +10,7 @@ namespace {
 constexpr char kPlain[] = R"(
 seek   | seek $B 2048 gone=EINVAL | <0              | E zel:$F: lseek failed : {errno} | | return -1
 seek   |                       |                    | |                         | move
-move   | $MOVE $B 1024 gone=EIO $MORE | <0          | |                         | return -1
+move   | $MOVE $B 1024 $MORE | <0          | |                         | return -1
 move   |                       | =1024 reached      | | moved=1                 | return answer
 move   |                       |                    | |                         | return answer
 )";
@@ -23,8 +23,9 @@ answer |                       |                    | |                         
 constexpr char kSdStatus[] = R"(
 begin  |                       | secure=1           | | filled=1                | return 0
 begin  |                       |                    | |                         | fetch
-fetch  | ioctl $B 0x400178F4   | <0                 | E zel:RicohSD_CardSecureGetInfo: SDCARD_GET_SD_STATUS failed : {errno} | | return 10
-fetch  |                       |                    | | filled=1                | keep
+fetch  | ioctl $B 0x400178F4 gone=ENODEV | <0                 | E zel:RicohSD_CardSecureGetInfo: SDCARD_GET_SD_STATUS failed : {errno} | | return 10
+fetch  |                       | reached            | | filled=1; has_status=1  | keep
+fetch  |                       |                    | | filled=1; has_status=0  | keep
 keep   | malloc 64             | <0                 | E zel:RicohSD_CardSecureGetInfo: Malloc register buffer failed : {errno} | | return 10
 keep   |                       |                    | | secure=1                | return 0
 )";
@@ -32,17 +33,19 @@ keep   |                       |                    | | secure=1                
 // The CSD goes first.
 constexpr char kInfo[] = R"(
 begin  |                       | reg=1              | | filled=1                | return 0
-begin  |                       |                    | |                         | csd
-csd    | ioctl $B 0x400178FF   | <0                 | E zel:RicohSD_CardGetInfo: SDCARD_GET_CSD failed : {errno} | | return 10
+begin  |                       |                    | | has_cid=0; has_csd=0    | csd
+csd    | ioctl $B 0x400178FF gone=ENODEV | <0                 | E zel:RicohSD_CardGetInfo: SDCARD_GET_CSD failed : {errno} | | return 10
+csd    |                       | reached            | | has_csd=2               | cid
 csd    |                       |                    | |                         | cid
-cid    | ioctl $B 0x400178FE   | <0                 | E zel:RicohSD_CardGetInfo: SDCARD_GET_CID failed : {errno} | | return 10
+cid    | ioctl $B 0x400178FE gone=ENODEV | <0                 | E zel:RicohSD_CardGetInfo: SDCARD_GET_CID failed : {errno} | | return 10
+cid    |                       | reached            | | filled=1; has_cid=1     | keep
 cid    |                       |                    | | filled=1                | keep
 keep   | malloc 32             | <0                 | E zel:RicohSD_CardGetInfo: Malloc register buffer failed : {errno} | | return 10
 keep   |                       |                    | | reg=1                   | return 0
 )";
 
 constexpr char kSize[] = R"(
-ask    | ioctl $B 0x400478FC   | <0                 | E zel:RicohSD_CardGetSize: BLKGETSIZE failed : {errno} | | return 0
+ask    | ioctl $B 0x400478FC gone=ENODEV | <0                 | E zel:RicohSD_CardGetSize: BLKGETSIZE failed : {errno} | | return 0
 ask    |                       |                    | |                         | return 2048
 )";
 
@@ -53,10 +56,10 @@ stat   |                       |                    | |                         
 
 // A protected card is opened for reading, once.
 constexpr char kInit[] = R"(
-open   | open $B rdwr+sync $MORE | >=0              | |                         | opened
+open   | open $B rdwr+sync gone=ENOMEDIUM $MORE | >=0              | |                         | opened
 open   |                       | EROFS              | | read_only=1             | retry
 open   |                       |                    | |                         | failed
-retry  | open $B rdonly        | >=0                | |                         | opened
+retry  | open $B rdonly gone=ENOMEDIUM | >=0                | |                         | opened
 retry  |                       |                    | |                         | failed
 opened |                       |                    | P Wrapper low-level driver for SD card-CardBus adaptor ver.0.10 | | return 0
 failed |                       |                    | E zel:RicohSD_Init: open[$B] failed : {errno} | | return -1
@@ -86,7 +89,7 @@ free   | free                  |                    | |                         
 
 std::string VerifySdStatus(const Subject& on, const sim_card& card, const Variables& state)
 {
-    if (state.at("filled") == 0) {
+    if (state.at("filled") == 0 || state.at("has_status") == 0) {
         return "";
     }
     return memcmp(on.sd_status, card.sd_status, sizeof on.sd_status) == 0
@@ -94,14 +97,22 @@ std::string VerifySdStatus(const Subject& on, const sim_card& card, const Variab
                : "the SD status is wrong";
 }
 
+// What the driver did not write is zero. A byte ahead of the CSD is the CID's last, unless
+// that comes, too.
 std::string VerifyRecord(const void* record, const sim_card& card, const Variables& state)
 {
-    const auto* bytes = static_cast<const uint8_t*>(record);
     if (state.at("filled") == 0) {
         return "";
     }
-    const bool right = memcmp(bytes, card.cid, 16) == 0 && memcmp(bytes + 16, card.csd, 16) == 0;
-    return right ? "" : "the registers are wrong";
+    uint8_t expected[32] = {};
+    if (state.at("has_csd") != 0) {
+        expected[15] = 0x3F;
+        memcpy(expected + 16, card.csd, 16);
+    }
+    if (state.at("has_cid") != 0) {
+        memcpy(expected, card.cid, 16);
+    }
+    return memcmp(record, expected, sizeof expected) == 0 ? "" : "the registers are wrong";
 }
 
 std::string VerifyInfo(const Subject& on, const sim_card& card, const Variables& state)
@@ -135,12 +146,12 @@ std::vector<Operation> RicohOperations()
     const Form forms[] = {
         {"Read",
          {{kPlain, {}}},
-         {{"F", "RicohSD_Read"}, {"MOVE", "read"}, {"MORE", ""}},
+         {{"F", "RicohSD_Read"}, {"MOVE", "read"}, {"MORE", "gone=EIO"}},
          PlainRead,
          Moves::FromCard},
         {"Write",
          {{kPlain, {}}},
-         {{"F", "RicohSD_Write"}, {"MOVE", "write"}, {"MORE", ""}},
+         {{"F", "RicohSD_Write"}, {"MOVE", "write"}, {"MORE", "gone=EIO"}},
          PlainWrite,
          Moves::ToCard},
         {"CardGetStatus", {{kAnswer, {}}}, good("0"), Status},

@@ -167,16 +167,15 @@ void Rules::Parse(const Table& table, size_t number, const Parameters& parameter
                 rule.effects.push_back(ParseEffect(word));
             }
         }
-        const bool ends = fields[5] == "end" || fields[5] == "last" || fields[5] == "undefined" ||
-                          fields[5].starts_with("return ");
+        const bool ends =
+            fields[5] == "end" || fields[5] == "last" || fields[5].starts_with("return ");
         rule.next = ends ? fields[5] : prefix + fields[5];
         steps_[name].rules.push_back(std::move(rule));
     }
     for (const auto& step : steps_) {
         for (const Rule& rule : step.second.rules) {
             const bool known = rule.next == "end" || rule.next == "last" ||
-                               rule.next == "undefined" || rule.next.starts_with("return ") ||
-                               steps_.count(rule.next) != 0;
+                               rule.next.starts_with("return ") || steps_.count(rule.next) != 0;
             if (!known) {
                 throw std::logic_error(step.first + " leads to no step: " + rule.next);
             }
@@ -235,6 +234,8 @@ Rules::Step Rules::ParseCall(const std::string& text)
         const std::string& word = words[next];
         if (word == "transfer") {
             call.transfer = true;
+        } else if (word == "told") {
+            step.told = true;
         } else if (word == "reset") {
             step.reset = true;
         } else if (word.starts_with("usual=")) {
@@ -259,8 +260,8 @@ Rules::Condition Rules::ParseCondition(const std::string& word)
     if (word.starts_with("events&")) {
         return {Of::EventsHave, "", '=', EventOf(word.substr(7))};
     }
-    if (word == "reached" || word == "!reached") {
-        return {Of::Reached, "", '=', word == "reached" ? 1 : 0};
+    if (word == "reached" || word == "seen") {
+        return {word == "seen" ? Of::Seen : Of::Reached, "", '=', 1};
     }
     if (word.starts_with("!E")) {
         return {Of::NotError, "", '=', ErrnoOf(word.substr(1))};
@@ -307,13 +308,13 @@ struct Rules::Machine {
     std::vector<uint64_t> like{};  // of each planted fault: calls like its own since then
     int64_t answer = 0;
     short events = 0;
+    bool seen = false;
     bool reached = false;
     bool locked = false;
 
     const Planted* Due(const ExpectedCall& call);
     void Make(const Step& step);
     int64_t Usual(const Step& step);
-    void Account(const ExpectedCall& call, bool reset);
     bool Holds(const Condition& condition) const;
     void Do(const Effect& effect);
     void Say(const std::string& text);
@@ -325,8 +326,7 @@ const Planted* Rules::Machine::Due(const ExpectedCall& call)
 {
     const Planted* due = nullptr;
     for (size_t i = 0; i < plan.size(); i++) {
-        const bool alike = Mark{call.kind, call.node, call.request} == plan[i].mark;
-        if (calls < plan[i].at || !alike) {
+        if (calls < plan[i].at || !plan[i].mark.Covers(call)) {
             continue;
         }
         like[i]++;
@@ -340,6 +340,8 @@ const Planted* Rules::Machine::Due(const ExpectedCall& call)
 // What the driver says, and what its work changes.
 int64_t Rules::Machine::Usual(const Step& step)
 {
+    variables["saw_card"] = variables["card"];
+    variables["saw_changed"] = variables["changed"];
     if (step.gone != 0 && variables["card"] == 0) {
         return -step.gone;
     }
@@ -349,8 +351,9 @@ int64_t Rules::Machine::Usual(const Step& step)
         return events != 0 ? 1 : 0;
     }
     if (step.call->transfer) {
-        variables["signal"] = 1;
-        variables["moved"] = 1;
+        const bool done = step.usual >= 0;
+        variables["signal"] = done || step.told ? 1 : 0;
+        variables["moved"] = done ? 1 : variables["moved"];
     }
     if (step.reset) {
         variables["signal"] = 0;
@@ -368,10 +371,10 @@ void Rules::Machine::Make(const Step& step)
         fault = Due(call);
     }
     const Oddity* odd = fault != nullptr ? &fault->oddity : nullptr;
-    reached = odd == nullptr || odd->reaches || (odd->error == 0 && !odd->result);
+    seen = odd == nullptr || odd->reaches || (odd->error == 0 && !odd->result);
     events = 0;
-    int64_t result = reached ? Usual(step) : 0;
-    reached = reached && result >= 0;
+    int64_t result = seen ? Usual(step) : 0;
+    reached = seen && result >= 0;
     if (odd != nullptr && odd->at_most && result > *odd->at_most) {
         result = *odd->at_most;
     }
@@ -407,6 +410,10 @@ void Rules::Machine::Make(const Step& step)
         default:
             break;
     }
+    if (odd != nullptr && odd->card != CardMove::Stays) {
+        variables["card"] = odd->card == CardMove::Leaves ? 0 : 1;
+        variables["changed"] = 1;
+    }
     expected.calls.push_back(std::move(call));
 }
 
@@ -424,7 +431,9 @@ bool Rules::Machine::Holds(const Condition& condition) const
         case Of::EventsHave:
             return (events & condition.value) != 0;
         case Of::Reached:
-            return reached == (condition.value != 0);
+            return reached;
+        case Of::Seen:
+            return seen;
         case Of::Answer:
             value = answer;
             break;
@@ -548,11 +557,9 @@ Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) con
             at = first_.at(++table);
         } else if (found->next == "last") {
             at = first_.back();
-        } else if (found->next == "undefined" || found->next.starts_with("return ")) {
-            machine.expected.defined = found->next != "undefined";
-            if (machine.expected.defined) {
-                machine.expected.result = machine.Value(found->next.substr(7));
-            }
+        } else if (found->next.starts_with("return ")) {
+            machine.expected.any_result = found->next == "return unknown";
+            machine.expected.result = machine.Value(found->next.substr(7));
             machine.expected.error = machine.error;
             if (machine.locked) {
                 throw std::logic_error("the table returns with the lock held at " + at);

@@ -16,19 +16,21 @@
 //        write NODE BYTES, ioctl NODE REQUEST, poll NODE MS, sleep NS, malloc BYTES, free;
 //        further words: "transfer" (its end is signalled to the next poll), "reset" (which
 //        takes a signal away), "usual=N" or "usual=-ERRNO" (the driver's own
-//        result), "gone=ERRNO" (what
+//        result), "told" (the end of a transfer that fails is signalled, too), "gone=ERRNO" (what
 //        the driver answers without a card)
 // when:  <0 =0 >0 >=0 =N   the call's answer
 //        EBUSY !EBUSY      errno
 //        events=IN+OUT     poll's events are these; events=0: none
 //        events&HUP        this one is among them
-//        reached !reached  whether the driver did the call's work
-//        name=N name<N name>N
+//        reached           the driver did the call's work
+//        seen              the driver saw the call
+//        name=N name<N name>N  "card" and "changed" are the card's state now, "saw_card" and
+//                          "saw_changed" what the driver last saw of it
 // says:  "E zel:Zel_Init: text" a line, W a warning, "P text" one without a prefix; {name}
 //        a variable, {errno} its text; a "~" at the end keeps the line open
 // does:  lock; unlock; name=N; name=answer; name=other; name+N
 // next:  a step; "end" for the next table, "last" for the last one; "return N", "return
-//        name", "return -errno"; "undefined" where the outcome rests on memory that
+//        name", "return -errno", "return unknown" where the result rests on memory that
 //        nobody has written
 #ifndef CARDDEV_TESTS_FAULTS_RULES_H
 #define CARDDEV_TESTS_FAULTS_RULES_H
@@ -43,7 +45,9 @@
 
 namespace faults {
 
-// A way for a call to end that is not the driver's own.
+enum class CardMove { Stays, Leaves, IsExchanged };
+
+// A way for a call to end that is not the driver's own, or what befalls the card by its end.
 struct Oddity {
     const char* name;
     std::optional<int64_t> result = {};
@@ -51,26 +55,8 @@ struct Oddity {
     std::optional<short> events = {};
     bool reaches = false;  // the driver does the work all the same
     std::optional<uint32_t> at_most = {};
+    CardMove card = CardMove::Stays;
 };
-
-// The same kind of call, for faults that stay.
-struct Mark {
-    cardsim::CallKind kind;
-    std::string node;
-    uint32_t request;
-
-    bool operator==(const Mark&) const = default;
-};
-
-struct Planted {
-    uint64_t at;  // which of the operation's calls, counted from 1; frees do not count
-    Oddity oddity;
-    uint64_t times;  // 1, or how many calls like that one
-    Mark mark;       // that call
-    uint64_t nth;    // which it is of the calls like that one
-};
-
-using Plan = std::vector<Planted>;
 
 struct ExpectedCall {
     cardsim::CallKind kind;
@@ -84,6 +70,30 @@ struct ExpectedCall {
     bool transfer = false;
 };
 
+// Which calls a fault is for: those of the kind, node and request, or all of the kind.
+struct Mark {
+    cardsim::CallKind kind;
+    std::string node = {};
+    uint32_t request = 0;
+
+    static Mark Of(const ExpectedCall& call) { return {call.kind, call.node, call.request}; }
+    bool Covers(const ExpectedCall& call) const
+    {
+        return kind == call.kind && (node.empty() || node == call.node) &&
+               (request == 0 || request == call.request);
+    }
+};
+
+struct Planted {
+    uint64_t at;  // which of the operation's calls, counted from 1; frees do not count
+    Oddity oddity;
+    uint64_t times;  // 1, or how many calls like that one
+    Mark mark;       // that call
+    uint64_t nth;    // which it is of the calls like that one
+};
+
+using Plan = std::vector<Planted>;
+
 using Variables = std::map<std::string, int64_t>;
 
 struct Expected {
@@ -91,7 +101,7 @@ struct Expected {
     std::string printed;
     int64_t result = 0;
     int error = 0;
-    bool defined = true;  // false: what else stands here does not bind
+    bool any_result = false;
 };
 
 using Parameters = std::map<std::string, std::string>;
@@ -111,7 +121,7 @@ public:
 
 private:
     struct Condition {
-        enum class Of { Answer, Error, NotError, EventsAre, EventsHave, Reached, Variable };
+        enum class Of { Answer, Error, NotError, EventsAre, EventsHave, Reached, Seen, Variable };
         Of of;
         std::string name;
         char relation;  // '<', '=', '>', 'G' for >=
@@ -127,11 +137,12 @@ private:
         std::vector<Condition> when;
         std::string says;
         std::vector<Effect> effects;
-        std::string next;  // a step's full name, "end", "return X" or "undefined"
+        std::string next;  // a step's full name, "end", "last" or "return X"
     };
     struct Step {
         std::optional<ExpectedCall> call;
         bool reset = false;
+        bool told = false;
         int64_t usual = 0;
         int gone = 0;
         std::vector<Rule> rules;

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "carddev_state.h"
 #include "sim/mivo_driver.h"
 #include "sim/ricoh_driver.h"
 #include "sim/zel_driver.h"
@@ -20,7 +21,8 @@ namespace faults {
 
 class Stand {
 public:
-    explicit Stand(const Operation& operation);
+    // One of `others`, in turn, is what each run does last.
+    Stand(const Operation& operation, const std::vector<Operation>& others);
     ~Stand();
     Stand(const Stand&) = delete;
     Stand& operator=(const Stand&) = delete;
@@ -39,20 +41,31 @@ private:
     };
 
     void Prepare();
-    Happened Run(const Plan& plan, int error_before);
+    Happened Run(const Operation& operation, const Plan& plan, int error_before);
     void Inject(const Plan& plan);
     Variables StateBefore() const;
     void Compare(const Expected& expected, const Happened& happened);
     void CompareState(const Variables& state);
-    void CompareData(const Expected& expected, const Variables& state);
-    void Leave(const Expected& expected, Variables state, int error_before);
+    void CompareData(const Operation& operation, const Expected& expected, const Variables& state);
+    void CompareRecord();
+    void Continue(const Operation& operation, const Rules& rules, const char* how, Variables* state,
+                  int error_before);
+    void Leave(int64_t result, Variables state, int error_before);
+    void Move(CardMove move);
     void Complain(const std::string& what);
     void Expect(bool holds, const char* what);
     std::string Captured(const std::function<void()>& body);
     bool IsLockFree();
 
+    struct Other {
+        const Operation* operation;
+        Rules rules;
+    };
+
     const Operation& op_;
     Rules rules_;
+    std::vector<Other> others_;
+    size_t turn_ = 0;
     std::shared_ptr<cardsim::Card> card_;
     std::unique_ptr<cardsim::Kernel> kernel_ = std::make_unique<cardsim::Kernel>();
     std::shared_ptr<cardsim::ZelSlots> slots_;
@@ -60,6 +73,9 @@ private:
     std::shared_ptr<cardsim::RicohHost> host_;
     std::unique_ptr<Subject> subject_ = std::make_unique<Subject>();
     std::vector<bool> locked_;
+    bool card_moved_ = false;
+    ZelDevice zel_before_ = {};
+    MivoDevice mivo_before_ = {};
     size_t lost_blocks_ = 0;  // by openings that failed
     std::string complaint_;
     FILE* console_ = nullptr;
