@@ -46,6 +46,44 @@ inline int64_t PlainWrite(Subject& on)
     return result.error != 0 ? -1 : result.length;
 }
 
+// No pieces at all, a list that is not there, and a piece that takes more entries than the
+// driver's table has.
+constexpr uint32_t kTooLong = 2048u * 65536u;
+
+inline int64_t DirectReadNothing(Subject& on)
+{
+    Pieces pieces = {};
+    return DevDrctRead(&on.handle, kSector, 0, pieces.list());
+}
+
+inline int64_t DirectReadNowhere(Subject& on)
+{
+    return DevDrctRead(&on.handle, kSector, kMoved, nullptr);
+}
+
+inline int64_t DirectWriteFromNowhere(Subject& on)
+{
+    return DevDrctWrite(&on.handle, kSector, kMoved, nullptr, 0, &on.retried);
+}
+
+inline int64_t DirectReadTooLong(Subject& on)
+{
+    Pieces pieces = {1, {{on.memory.address(), kTooLong}}};
+    return DevDrctRead(&on.handle, kSector, kTooLong, pieces.list());
+}
+
+inline int64_t DirectWriteTooLong(Subject& on)
+{
+    Pieces pieces = {1, {{on.memory.address(), kTooLong}}};
+    return DevDrctWrite(&on.handle, kSector, kTooLong, pieces.list(), 1, &on.retried);
+}
+
+inline int64_t DirectWriteUntold(Subject& on)
+{
+    Pieces pieces = PiecesOf(on);
+    return DevDrctWrite(&on.handle, kSector, kMoved, pieces.list(), 1, nullptr);
+}
+
 // `unit` is how many bytes a length of 1 stands for.
 template <uint32_t unit>
 int64_t DirectRead(Subject& on)
@@ -96,6 +134,51 @@ inline int64_t FatWrite(Subject& on)
 {
     Elements elements(on);
     return DevFatWrite(&on.handle, &elements.list);
+}
+
+// With these the list is not there, says that it has three elements, or has one that takes
+// more entries than the driver's table has.
+inline int64_t ReadModifyWriteNothing(Subject& on)
+{
+    return DevDrctRMW(&on.handle, nullptr);
+}
+
+inline int64_t FatWriteNothing(Subject& on)
+{
+    return DevFatWrite(&on.handle, nullptr);
+}
+
+inline int64_t ReadModifyWriteTorn(Subject& on)
+{
+    Elements elements(on);
+    elements.list.count = 3;
+    return DevDrctRMW(&on.handle, &elements.list);
+}
+
+inline int64_t FatWriteTorn(Subject& on)
+{
+    Elements elements(on);
+    elements.list.count = 3;
+    return DevFatWrite(&on.handle, &elements.list);
+}
+
+inline int64_t ReadModifyWriteTooLong(Subject& on)
+{
+    Elements elements(on);
+    elements.second.sectors = kTooLong / 512;
+    return DevDrctRMW(&on.handle, &elements.list);
+}
+
+inline int64_t FatWriteTooLong(Subject& on)
+{
+    Elements elements(on);
+    elements.second.sectors = kTooLong / 512;
+    return DevFatWrite(&on.handle, &elements.list);
+}
+
+inline int64_t CommandWriteTooLong(Subject& on)
+{
+    return DevSdCmdWrite(&on.handle, on.memory.data(), kTooLong / 512, kSector, 0x12, 0x34);
 }
 
 inline int64_t CommandWrite(Subject& on)

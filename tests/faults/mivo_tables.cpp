@@ -33,11 +33,11 @@ gone   |                       |                    | |                         
 // is waited for whatever the request answered.
 constexpr char kDirect[] = R"(
 room   | $ALLOCATE             | <0                 | E mivosdif:$F: fsmiw_parm malloc failed!~ | result=-12 | $finish
-room   |                       |                    | | lock; $BEGIN            | send
+room   |                       |                    | $PANIC | lock; $BEGIN       | send
 send   |                       | plain=1            | |                         | plain
 send   |                       |                    | |                         | first
-first  | ioctl $C $FIRST gone=ENODEV transfer |     | | sent=answer             | wait
-plain  | ioctl $C $REQUEST gone=ENODEV transfer |   | | sent=answer             | wait
+first  | ioctl $C $FIRST gone=ENODEV transfer $WORK |     | | sent=answer             | wait
+plain  | ioctl $C $REQUEST gone=ENODEV transfer $WORK |   | | sent=answer             | wait
 wait   | poll $C 4000          | <0                 | E mivosdif:Mivo_PollWait: poll error : {errno}  | | failed
 wait   |                       | =0                 | E mivosdif:Mivo_PollWait: poll timeout: {errno} | | failed
 wait   |                       | events=0           | E mivosdif:Mivo_PollWait: Unknown poll events: 0x00000000 | | failed
@@ -59,6 +59,26 @@ giveup | | | E mivosdif:$F: ioctl($WORD) is failed(retry={tries}) : {errno} | io
 free   | $FREE                 |                    | | unlock                  | $finish
 )";
 
+// Requests that never go out: the list cannot be made.
+constexpr char kNoList[] = R"(
+chunks |                       |                    | E mivosdif:Mivo_Chunk2Sg: Invalid arguments! | | said
+said   |                       |                    | E mivosdif:$F: Mivo_Chunk2Sg is failed(-22) | | return -22
+)";
+constexpr char kLongList[] = R"(
+entry  |                       |                    | E mivosdif:Mivo_SetSgEntry: Overflow sg table(2048)! | | chunks
+chunks |                       |                    | E mivosdif:Mivo_Chunk2Sg: Mivo_SetSgEntry failed(-12)! | | said
+said   |                       |                    | E mivosdif:$F: Mivo_Chunk2Sg is failed(-12) | | return -22
+)";
+constexpr char kLongElement[] = R"(
+room   | $ALLOCATE             | <0                 | E mivosdif:$F: fsmiw_parm malloc failed!~ | | return -12
+room   |                       |                    | E mivosdif:Mivo_SetSgEntry: Overflow sg table(2048)! | lock | said
+said   |                       |                    | E mivosdif:$F: Mivo_SetSgEntry failed(-12)! | | free
+free   | $FREE                 |                    | | unlock                  | return -12
+)";
+constexpr char kNothing[] = R"(
+refuse |                       |                    | |                         | return -22
+)";
+
 // The temporary list of the array variants.
 constexpr char kArray[] = R"(
 array  | malloc 20             | <0                 | E drv:$CALL: malloc MemoryChunkArray failed! | | return -12
@@ -73,7 +93,7 @@ begin  |                       | ejected=1          | |                         
 begin  |                       |                    | |                         | seek
 seek   | seek $C 2048 gone=EINVAL | =-1             | E mivosdif:$F: lseek failed : {errno} | | return -1
 seek   |                       |                    | |                         | move
-move   | $MOVE $C 1024 gone=ENXIO | <0              | |                         | return -1
+move   | $MOVE $C 1024 gone=ENXIO $WORK | <0              | |                         | return -1
 move   |                       | =1024 reached      | | moved=1                 | return answer
 move   |                       |                    | |                         | return answer
 )";
@@ -130,13 +150,15 @@ constexpr char kSizeBegin[] = R"(
 begin  |                       | ejected=1          | |                         | return -5
 begin  |                       |                    | |                         | size
 size   | ioctl $C 0x4030D30F gone=ENODEV | <0       | E mivosdif:Mivo_CardGetSize: MIVOSDIF_IOC_GET_CARD_PARAMS failed : {errno} | | return 10
-size   |                       |                    | |                         | end
+size   |                       | reached            | |                         | end
+size   |                       |                    | | unread=1                | end
 )";
 // A CSD of zeros says that blocks are too short to hold a sector.
 constexpr char kSizeEnd[] = R"(
 size   |                       | bad>0              | |                         | return 10
-size   |                       | has_csd=2          | |                         | return 2048
-size   |                       |                    | |                         | return 0
+size   |                       | unread=1           | |                         | return unknown
+size   |                       | has_csd=2          | |                         | return $SIZE
+size   |                       |                    | |                         | return $ZERO_SIZE
 )";
 
 constexpr char kProtection[] = R"(
@@ -208,9 +230,9 @@ Parameters operator+(Parameters more, const Parameters& others)
 // Of a direct request.
 Parameters Direct(const char* function, const char* word, const char* request, const char* good)
 {
-    return {{"F", function},    {"WORD", word},       {"REQUEST", request},
-            {"FIRST", request}, {"GOOD", good},       {"ALLOCATE", ""},
-            {"FREE", ""},       {"BEGIN", "tries=0"}, {"MARK", "plain=1"}};
+    return {{"F", function}, {"WORD", word},       {"REQUEST", request}, {"FIRST", request},
+            {"GOOD", good},  {"ALLOCATE", ""},     {"WORK", ""},         {"PANIC", ""},
+            {"FREE", ""},    {"BEGIN", "tries=0"}, {"MARK", "plain=1"}};
 }
 
 Parameters Write(const char* first)
@@ -318,15 +340,80 @@ std::vector<Form> Transfers()
         {"SdCmdWrite", {bar, check, gone, direct}, command, CommandWrite, Moves::ToCard},
         {"Read",
          {check, {kPlain, {}}},
-         {{"F", "Mivo_Read"}, {"MOVE", "read"}},
+         {{"F", "Mivo_Read"}, {"MOVE", "read"}, {"WORK", ""}},
          PlainRead,
          Moves::FromCard},
         {"Write",
          {{kPlainBar, {}}, check, {kPlain, {}}},
-         {{"F", "Mivo_Write"}, {"MOVE", "write"}},
+         {{"F", "Mivo_Write"}, {"MOVE", "write"}, {"WORK", ""}},
          PlainWrite,
          Moves::ToCard},
     };
+}
+
+// A list whose chain ends early; the driver takes the rest, of zeros here, for nothing.
+Parameters Torn(Parameters direct, const char* panic)
+{
+    direct["ALLOCATE"] = "malloc 48";
+    direct["PANIC"] = panic;
+    return direct;
+}
+
+std::vector<Form> Misuses()
+{
+    const Parameters read = Direct("Mivo_DrctRead", "MIVOSDIF_IOC_DIRECT_READ", "0xC010D324", "0");
+    const Parameters write = {{"F", "Mivo_DrctWrite"}};
+    const Parameters rmw =
+        WithElements(Direct("Mivo_DrctRMW", "MIVOSDIF_IOC_DIRECT_RMW", "0x800CD326", "0"));
+    const Parameters fat =
+        WithElements(Direct("Mivo_FatWrite", "MIVOSDIF_IOC_FSMI_WRITE", "0x800CD32A", "0"));
+    const Parameters command =
+        Direct("Mivo_SdCmdWrite", "MIVOSDIF_IOC_SDCMD_WRITE", "0x8008D32B", "0");
+    const Table check = {kCheck, {}};
+    const Table bar = {kBar, {{"finish", "return -5"}}};
+    const Table gone = {kGone, {{"finish", "return -5"}}};
+    const Table direct = {kDirect, {}};
+    const Table no_list = {kNoList, {}};
+    const Table long_list = {kLongList, {}};
+    const Table long_element = {kLongElement, {}};
+    const Table nothing = {kNothing, {}};
+    return {
+        {"DrctRead of nothing", {check, gone, direct}, read, DirectReadNothing},
+        {"DrctRead nowhere", {check, gone, no_list}, read, DirectReadNowhere},
+        {"DrctWrite from nowhere", {bar, check, gone, no_list}, write, DirectWriteFromNowhere},
+        {"DrctRead too long", {check, gone, long_list}, read, DirectReadTooLong},
+        {"DrctWrite too long", {bar, check, gone, long_list}, write, DirectWriteTooLong},
+        {"DrctWrite untold", {nothing}, {}, DirectWriteUntold},
+        {"DrctRMW of nothing", {nothing}, {}, ReadModifyWriteNothing},
+        {"FatWrite of nothing", {nothing}, {}, FatWriteNothing},
+        {"DrctRMW torn",
+         {check, gone, bar, direct},
+         Torn(rmw, "E mivosdif:Mivo_DrctRMW: DrctRMW List panic(2/3)!"),
+         ReadModifyWriteTorn,
+         Moves::ToCard},
+        {"FatWrite torn",
+         {bar, check, gone, direct},
+         Torn(fat, "E mivosdif:Mivo_FatWrite: FSMI List panic(2/3)!"),
+         FatWriteTorn,
+         Moves::ToCard},
+        {"DrctRMW too long", {check, gone, bar, long_element}, rmw, ReadModifyWriteTooLong},
+        {"FatWrite too long", {bar, check, gone, long_element}, fat, FatWriteTooLong},
+        {"SdCmdWrite too long", {bar, check, gone, long_element}, command, CommandWriteTooLong},
+    };
+}
+
+Form SizeForm(const char* size, const char* zero_size)
+{
+    return {"CardGetSize",
+            {{kCheck, {}},
+             {kSizeBegin, {}},
+             {kCheck, {}},
+             {kSdStatus, kWithin},
+             {kCheck, {}},
+             {kInfo, kWithin},
+             {kSizeEnd, {}}},
+            {{"SIZE", size}, {"ZERO_SIZE", zero_size}},
+            Size};
 }
 
 std::vector<Form> Questions()
@@ -342,16 +429,7 @@ std::vector<Form> Questions()
          VerifySdStatus},
         {"CardGetInfo", {check, {kInfo, kAlone}}, {}, Info, Moves::Nothing, VerifyInfo},
         {"CardGetSpeedInfo", {check, {kSpeed, {}}}, {}, Speed, Moves::Nothing, VerifySpeed},
-        {"CardGetSize",
-         {check,
-          {kSizeBegin, {}},
-          check,
-          {kSdStatus, kWithin},
-          check,
-          {kInfo, kWithin},
-          {kSizeEnd, {}}},
-         {},
-         Size},
+        SizeForm("2048", "0"),
         {"CardGetWriteProtect", {check, {kProtection, {}}}, {{"protected", "0"}}, Protection},
         {"CardIoctl2", {check, {kCommand, {}}}, {{"REQUEST", "0x8001D327"}}, Command<2>},
         {"CardIoctl3", {check, {kCommand, {}}}, {{"REQUEST", "0x8001D328"}}, Command<3>},
@@ -385,6 +463,18 @@ std::vector<Operation> MivoOperations()
         Add(&operations, form, ", watched, gone", {.watched = true, .gone = true});
         Add(&operations, form, ", gone", {.gone = true});
     }
+    for (Form form : Transfers()) {
+        if (form.moves == Moves::ToCard) {
+            form.parameters["WORK"] = "usual=-EROFS told";
+            form.moves = Moves::Nothing;
+            Add(&operations, form, ", protected", {.watched = true, .protect = true});
+        }
+    }
+    for (const Form& form : Misuses()) {
+        Add(&operations, form, "", {});
+        Add(&operations, form, ", watched", {.watched = true});
+        Add(&operations, form, ", after a failure", {.failed = true});
+    }
     for (const Form& form : Transfers()) {
         Add(&operations, form, ", after a failure", {.failed = true});
         Add(&operations, form, ", watched, after a failure", {.watched = true, .failed = true});
@@ -392,6 +482,8 @@ std::vector<Operation> MivoOperations()
     for (const Form& form : Questions()) {
         Add(&operations, form, ", asked before", {.watched = true, .asked = true});
     }
+    Add(&operations, SizeForm("4194304", "1024"), ", of 2 GiB",
+        {.watched = true, .sectors = 4194304});
     const Form protection = {
         "CardGetWriteProtect", {{kCheck, {}}, {kProtection, {}}}, {{"protected", "1"}}, Protection};
     Add(&operations, protection, ", protected", {.watched = true, .protect = true});

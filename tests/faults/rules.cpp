@@ -18,6 +18,21 @@ namespace {
 // An operation that needs more is endless, or its table is.
 constexpr int kMostSteps = 5000;
 
+// The variables that calls change by themselves.
+enum Known : size_t {
+    kCard,
+    kChanged,
+    kSawCard,
+    kSawChanged,
+    kSignal,
+    kMoved,
+    kResets,
+    kFiles,
+    kBlocks,
+};
+constexpr const char* kKnown[] = {"card",  "changed", "saw_card", "saw_changed", "signal",
+                                  "moved", "resets",  "files",    "blocks"};
+
 std::string Trim(const std::string& text)
 {
     const size_t first = text.find_first_not_of(" \t");
@@ -128,9 +143,17 @@ std::string Fill(const std::string& text, const Parameters& own, const Parameter
 
 Rules::Rules(const std::vector<Table>& tables, const Parameters& parameters)
 {
+    for (const char* known : kKnown) {
+        Variable(known);
+    }
     for (size_t i = 0; i < tables.size(); i++) {
         Parse(tables[i], i, parameters);
     }
+}
+
+size_t Rules::Variable(const std::string& name)
+{
+    return variables_.emplace(name, variables_.size()).first->second;
 }
 
 void Rules::Parse(const Table& table, size_t number, const Parameters& parameters)
@@ -148,14 +171,15 @@ void Rules::Parse(const Table& table, size_t number, const Parameters& parameter
             throw std::logic_error("not six fields: " + line);
         }
         const std::string name = prefix + fields[0];
-        if (is_first) {
-            first_.push_back(name);
-            is_first = false;
-        }
         if (steps_.count(name) == 0) {
             steps_[name] = ParseCall(fields[1]);
+            steps_[name].name = name;
         } else if (!fields[1].empty()) {
             throw std::logic_error("a second call in a step: " + line);
+        }
+        if (is_first) {
+            first_.push_back(&steps_[name]);
+            is_first = false;
         }
         Rule rule;
         for (const std::string& word : WordsOf(fields[2])) {
@@ -167,17 +191,18 @@ void Rules::Parse(const Table& table, size_t number, const Parameters& parameter
                 rule.effects.push_back(ParseEffect(word));
             }
         }
-        const bool ends =
-            fields[5] == "end" || fields[5] == "last" || fields[5].starts_with("return ");
+        const bool ends = fields[5] == "end" || fields[5] == "last" || fields[5] == "undefined" ||
+                          fields[5].starts_with("return ");
         rule.next = ends ? fields[5] : prefix + fields[5];
         steps_[name].rules.push_back(std::move(rule));
     }
-    for (const auto& step : steps_) {
-        for (const Rule& rule : step.second.rules) {
-            const bool known = rule.next == "end" || rule.next == "last" ||
-                               rule.next.starts_with("return ") || steps_.count(rule.next) != 0;
-            if (!known) {
-                throw std::logic_error(step.first + " leads to no step: " + rule.next);
+    for (auto& [name, step] : steps_) {
+        for (Rule& rule : step.rules) {
+            const auto found = steps_.find(rule.next);
+            if (found != steps_.end()) {
+                rule.step = &found->second;
+            } else if (rule.next.find('.') != std::string::npos) {
+                throw std::logic_error(name + " leads to no step: " + rule.next);
             }
         }
     }
@@ -255,53 +280,55 @@ Rules::Condition Rules::ParseCondition(const std::string& word)
 {
     using Of = Condition::Of;
     if (word.starts_with("events=")) {
-        return {Of::EventsAre, "", '=', EventsOf(word.substr(7))};
+        return {Of::EventsAre, '=', EventsOf(word.substr(7))};
     }
     if (word.starts_with("events&")) {
-        return {Of::EventsHave, "", '=', EventOf(word.substr(7))};
+        return {Of::EventsHave, '=', EventOf(word.substr(7))};
     }
     if (word == "reached" || word == "seen") {
-        return {word == "seen" ? Of::Seen : Of::Reached, "", '=', 1};
+        return {word == "seen" ? Of::Seen : Of::Reached, '=', 1};
     }
     if (word.starts_with("!E")) {
-        return {Of::NotError, "", '=', ErrnoOf(word.substr(1))};
+        return {Of::NotError, '=', ErrnoOf(word.substr(1))};
     }
     const size_t relation = word.find_first_of("<=>");
     if (relation == std::string::npos) {
-        return {Of::Error, "", '=', ErrnoOf(word)};
+        return {Of::Error, '=', ErrnoOf(word)};
     }
     const Of of = relation == 0 ? Of::Answer : Of::Variable;
+    const size_t variable = relation == 0 ? 0 : Variable(word.substr(0, relation));
     if (word.substr(relation).starts_with(">=")) {
-        return {of, word.substr(0, relation), 'G', Number(word.substr(relation + 2))};
+        return {of, 'G', Number(word.substr(relation + 2)), variable};
     }
-    return {of, word.substr(0, relation), word[relation], Number(word.substr(relation + 1))};
+    return {of, word[relation], Number(word.substr(relation + 1)), variable};
 }
 
 Rules::Effect Rules::ParseEffect(const std::string& word)
 {
     if (word == "lock" || word == "unlock") {
-        return {"", word[0], 0, ""};
+        return {word[0]};
     }
     const size_t sign = word.find_first_of("=+");
     if (sign == std::string::npos) {
         throw std::logic_error("no effect: " + word);
     }
-    const std::string name = word.substr(0, sign);
+    const size_t variable = Variable(word.substr(0, sign));
     const std::string value = word.substr(sign + 1);
     if (value == "answer") {
-        return {name, 'a', 0, ""};
+        return {'a', 0, variable};
     }
     if (!IsNumber(value)) {
-        return {name, 'v', 0, value};
+        return {'v', 0, variable, Variable(value)};
     }
-    return {name, word[sign], Number(value), ""};
+    return {word[sign], Number(value), variable};
 }
 
 // --- following ---------------------------------------------------------------------
 
 struct Rules::Machine {
     const Plan& plan;
-    Variables variables;
+    const std::map<std::string, size_t>& names;
+    std::vector<int64_t> variables{};
     Expected expected = {};
     int error;
     uint64_t calls = 0;            // without frees
@@ -340,24 +367,24 @@ const Planted* Rules::Machine::Due(const ExpectedCall& call)
 // What the driver says, and what its work changes.
 int64_t Rules::Machine::Usual(const Step& step)
 {
-    variables["saw_card"] = variables["card"];
-    variables["saw_changed"] = variables["changed"];
-    if (step.gone != 0 && variables["card"] == 0) {
+    variables[kSawCard] = variables[kCard];
+    variables[kSawChanged] = variables[kChanged];
+    if (step.gone != 0 && variables[kCard] == 0) {
         return -step.gone;
     }
     if (step.call->kind == CallKind::Poll) {
-        events = variables["signal"] != 0 ? static_cast<short>(POLLOUT) : static_cast<short>(0);
-        variables["signal"] = 0;
+        events = variables[kSignal] != 0 ? static_cast<short>(POLLOUT) : static_cast<short>(0);
+        variables[kSignal] = 0;
         return events != 0 ? 1 : 0;
     }
     if (step.call->transfer) {
         const bool done = step.usual >= 0;
-        variables["signal"] = done || step.told ? 1 : 0;
-        variables["moved"] = done ? 1 : variables["moved"];
+        variables[kSignal] = done || step.told ? 1 : 0;
+        variables[kMoved] = done ? 1 : variables[kMoved];
     }
     if (step.reset) {
-        variables["signal"] = 0;
-        variables["resets"]++;
+        variables[kSignal] = 0;
+        variables[kResets]++;
     }
     return step.usual;
 }
@@ -396,23 +423,23 @@ void Rules::Machine::Make(const Step& step)
     const bool took = reached && call.error == 0;
     switch (call.kind) {
         case CallKind::Open:
-            variables["files"] += took ? 1 : 0;
+            variables[kFiles] += took ? 1 : 0;
             break;
         case CallKind::Close:
-            variables["files"] -= reached ? 1 : 0;
+            variables[kFiles] -= reached ? 1 : 0;
             break;
         case CallKind::Malloc:
-            variables["blocks"] += took ? 1 : 0;
+            variables[kBlocks] += took ? 1 : 0;
             break;
         case CallKind::Free:
-            variables["blocks"]--;
+            variables[kBlocks]--;
             break;
         default:
             break;
     }
     if (odd != nullptr && odd->card != CardMove::Stays) {
-        variables["card"] = odd->card == CardMove::Leaves ? 0 : 1;
-        variables["changed"] = 1;
+        variables[kCard] = odd->card == CardMove::Leaves ? 0 : 1;
+        variables[kChanged] = 1;
     }
     expected.calls.push_back(std::move(call));
 }
@@ -437,10 +464,9 @@ bool Rules::Machine::Holds(const Condition& condition) const
         case Of::Answer:
             value = answer;
             break;
-        case Of::Variable: {
-            value = Value(condition.name);
+        case Of::Variable:
+            value = variables[condition.variable];
             break;
-        }
     }
     switch (condition.relation) {
         case '<':
@@ -465,8 +491,8 @@ int64_t Rules::Machine::Value(const std::string& text) const
     if (text == "answer") {
         return answer;
     }
-    const auto found = variables.find(text);
-    return found == variables.end() ? 0 : found->second;
+    const auto found = names.find(text);
+    return found == names.end() ? 0 : variables[found->second];
 }
 
 void Rules::Machine::Do(const Effect& effect)
@@ -479,16 +505,16 @@ void Rules::Machine::Do(const Effect& effect)
             locked = false;
             break;
         case '+':
-            variables[effect.name] += effect.value;
+            variables[effect.variable] += effect.value;
             break;
         case 'a':
-            variables[effect.name] = answer;
+            variables[effect.variable] = answer;
             break;
         case 'v':
-            variables[effect.name] = Value(effect.other);
+            variables[effect.variable] = variables[effect.other];
             break;
         default:
-            variables[effect.name] = effect.value;
+            variables[effect.variable] = effect.value;
             break;
     }
 }
@@ -525,12 +551,19 @@ void Rules::Machine::Say(const std::string& text)
 
 Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) const
 {
-    Machine machine{.plan = plan, .variables = *state, .error = error_before};
+    Machine machine{.plan = plan, .names = variables_, .error = error_before};
+    machine.variables.resize(variables_.size());
+    for (const auto& [name, value] : *state) {
+        const auto found = variables_.find(name);
+        if (found != variables_.end()) {
+            machine.variables[found->second] = value;
+        }
+    }
     machine.like.resize(plan.size());
     size_t table = 0;
-    std::string at = first_.at(0);
+    const Step* at = first_.at(0);
     for (int count = 0; count < kMostSteps; count++) {
-        const Step& step = steps_.at(at);
+        const Step& step = *at;
         machine.answer = 0;
         if (step.call) {
             machine.Make(step);
@@ -547,32 +580,36 @@ Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) con
             }
         }
         if (found == nullptr) {
-            throw std::logic_error("no rule for what happened at " + at);
+            throw std::logic_error("no rule for what happened at " + step.name);
         }
         machine.Say(found->says);
         for (const Effect& effect : found->effects) {
             machine.Do(effect);
         }
-        if (found->next == "end") {
+        if (found->step != nullptr) {
+            at = found->step;
+        } else if (found->next == "end") {
             at = first_.at(++table);
         } else if (found->next == "last") {
             at = first_.back();
-        } else if (found->next.starts_with("return ")) {
+        } else {
+            machine.expected.any_outcome = found->next == "undefined";
             machine.expected.any_result = found->next == "return unknown";
-            machine.expected.result = machine.Value(found->next.substr(7));
+            if (!machine.expected.any_outcome) {
+                machine.expected.result = machine.Value(found->next.substr(7));
+            }
             machine.expected.error = machine.error;
             if (machine.locked) {
-                throw std::logic_error("the table returns with the lock held at " + at);
+                throw std::logic_error("the table returns with the lock held at " + step.name);
             }
             for (auto& [name, value] : *state) {
-                value = machine.variables[name];
+                const auto own = variables_.find(name);
+                value = own != variables_.end() ? machine.variables[own->second] : value;
             }
-            return machine.expected;
-        } else {
-            at = found->next;
+            return std::move(machine.expected);
         }
     }
-    throw std::logic_error("the table has no end at " + at);
+    throw std::logic_error("the table has no end at " + at->name);
 }
 
 }  // namespace faults

@@ -14,10 +14,9 @@
 //
 // call:  stat NODE, open NODE FLAGS, close NODE, seek NODE OFFSET, read NODE BYTES,
 //        write NODE BYTES, ioctl NODE REQUEST, poll NODE MS, sleep NS, malloc BYTES, free;
-//        further words: "transfer" (its end is signalled to the next poll), "reset" (which
-//        takes a signal away), "usual=N" or "usual=-ERRNO" (the driver's own
-//        result), "told" (the end of a transfer that fails is signalled, too), "gone=ERRNO" (what
-//        the driver answers without a card)
+//        further words: "transfer" (its end is signalled to the next poll), "told" (also
+//        where it fails), "reset" (which takes a signal away), "usual=N" or "usual=-ERRNO"
+//        (the driver's own result), "gone=ERRNO" (that without a card)
 // when:  <0 =0 >0 >=0 =N   the call's answer
 //        EBUSY !EBUSY      errno
 //        events=IN+OUT     poll's events are these; events=0: none
@@ -31,7 +30,7 @@
 // does:  lock; unlock; name=N; name=answer; name=other; name+N
 // next:  a step; "end" for the next table, "last" for the last one; "return N", "return
 //        name", "return -errno", "return unknown" where the result rests on memory that
-//        nobody has written
+//        nobody has written; "undefined" where all that follows does
 #ifndef CARDDEV_TESTS_FAULTS_RULES_H
 #define CARDDEV_TESTS_FAULTS_RULES_H
 
@@ -102,6 +101,7 @@ struct Expected {
     int64_t result = 0;
     int error = 0;
     bool any_result = false;
+    bool any_outcome = false;  // then nothing that stands here binds
 };
 
 using Parameters = std::map<std::string, std::string>;
@@ -114,6 +114,7 @@ struct Table {
 class Rules {
 public:
     Rules(const std::vector<Table>& tables, const Parameters& parameters);
+    Rules(Rules&&) = default;
 
     // Follow the tables from their first step. `state` is what outlasts the operation,
     // and is changed; all other variables begin at 0.
@@ -123,23 +124,26 @@ private:
     struct Condition {
         enum class Of { Answer, Error, NotError, EventsAre, EventsHave, Reached, Seen, Variable };
         Of of;
-        std::string name;
         char relation;  // '<', '=', '>', 'G' for >=
         int64_t value;
+        size_t variable = 0;
     };
     struct Effect {
-        std::string name;  // "lock" and "unlock", too
-        char what;         // '=', '+', 'a' for answer, 'v' for another variable, 'l', 'u'
-        int64_t value;
-        std::string other;
+        char what;  // '=', '+', 'a' for answer, 'v' for another variable, 'l' lock, 'u' unlock
+        int64_t value = 0;
+        size_t variable = 0;
+        size_t other = 0;
     };
+    struct Step;
     struct Rule {
         std::vector<Condition> when;
         std::string says;
         std::vector<Effect> effects;
-        std::string next;  // a step's full name, "end", "last" or "return X"
+        std::string next;            // a step's full name, "end", "last", "undefined", "return X"
+        const Step* step = nullptr;  // where it is a step
     };
     struct Step {
+        std::string name = {};
         std::optional<ExpectedCall> call;
         bool reset = false;
         bool told = false;
@@ -151,11 +155,13 @@ private:
 
     void Parse(const Table& table, size_t number, const Parameters& parameters);
     static Step ParseCall(const std::string& text);
-    static Condition ParseCondition(const std::string& word);
-    static Effect ParseEffect(const std::string& word);
+    Condition ParseCondition(const std::string& word);
+    Effect ParseEffect(const std::string& word);
+    size_t Variable(const std::string& name);
 
     std::map<std::string, Step> steps_;
-    std::vector<std::string> first_;  // each table's first step
+    std::vector<const Step*> first_;           // each table's
+    std::map<std::string, size_t> variables_;  // where each stands
 };
 
 }  // namespace faults

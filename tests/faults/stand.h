@@ -48,8 +48,8 @@ private:
     void CompareState(const Variables& state);
     void CompareData(const Operation& operation, const Expected& expected, const Variables& state);
     void CompareRecord();
-    void Continue(const Operation& operation, const Rules& rules, const char* how, Variables* state,
-                  int error_before);
+    int64_t Continue(const Operation& operation, const Rules& rules, const char* how,
+                     Variables* state, int error_before);
     void Leave(int64_t result, Variables state, int error_before);
     void Move(CardMove move);
     void Complain(const std::string& what);

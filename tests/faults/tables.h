@@ -43,6 +43,8 @@ struct Setup {
     bool failed = false;   // a direct transfer gave up before
     bool asked = false;    // registers, SD status and speed record are known
     bool protect = false;  // the card is write-protected
+    bool old = false;      // the driver counts it as of a version that is not supported
+    uint32_t sectors = 2048;
 };
 
 enum class Moves { Nothing, FromCard, ToCard };

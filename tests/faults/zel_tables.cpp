@@ -34,12 +34,12 @@ constexpr char kDirect[] = R"(
 begin  |                       | ejected=1          | | result=-5               | $finish
 begin  |                       |                    | |                         | room
 room   | $ALLOCATE             | <0                 | E zel:$F: fsmiw_parm malloc failed!~ | result=-12 | $finish
-room   |                       |                    | | lock; $BEGIN            | send
+room   |                       |                    | $PANIC | lock; $BEGIN       | send
 send   |                       | plain=1            | |                         | plain
 send   |                       |                    | |                         | first
-first  | ioctl $C $FIRST gone=ENODEV transfer | <0  | |                         | failed
+first  | ioctl $C $FIRST gone=ENODEV transfer $WORK | <0  | |                         | failed
 first  |                       |                    | | more=answer             | wait
-plain  | ioctl $C $REQUEST gone=ENODEV transfer | <0 | |                        | failed
+plain  | ioctl $C $REQUEST gone=ENODEV transfer $WORK | <0 | |                        | failed
 plain  |                       |                    | | more=answer             | wait
 wait   | poll $C 4000          | <0                 | E zel:Zel_PollWait: poll error : {errno}  | | failed
 wait   |                       | =0                 | E zel:Zel_PollWait: poll timeout: {errno} | | failed
@@ -64,6 +64,32 @@ giveup | | | E zel:$F: ioctl($LAST) is failed(retry={retry} err_retry={errors}) 
 free   | $FREE                 |                    | | unlock                  | $finish
 )";
 
+// Requests that never go out: the list cannot be made.
+constexpr char kNoList[] = R"(
+begin  |                       | ejected=1          | |                         | return -5
+begin  |                       |                    | |                         | chunks
+chunks |                       |                    | E zel:Zel_Chunk2Sg: Invalid arguments! | | said
+said   |                       |                    | E zel:$F: Zel_Chunk2Sg is failed(-22) | | return -22
+)";
+constexpr char kLongList[] = R"(
+begin  |                       | ejected=1          | |                         | return -5
+begin  |                       |                    | |                         | entry
+entry  |                       |                    | E zel:Zel_SetSgEntry: Overflow sg table(2048)! | | chunks
+chunks |                       |                    | E zel:Zel_Chunk2Sg: Zel_SetSgEntry failed(-12)! | | said
+said   |                       |                    | E zel:$F: Zel_Chunk2Sg is failed(-12) | | return -22
+)";
+constexpr char kLongElement[] = R"(
+begin  |                       | ejected=1          | |                         | return -5
+begin  |                       |                    | |                         | room
+room   | $ALLOCATE             | <0                 | E zel:$F: fsmiw_parm malloc failed!~ | | return -12
+room   |                       |                    | E zel:Zel_SetSgEntry: Overflow sg table(2048)! | lock | said
+said   |                       |                    | E zel:$F: Zel_SetSgEntry failed(-12)! | | free
+free   | $FREE                 |                    | | unlock                  | return -12
+)";
+constexpr char kNothing[] = R"(
+refuse |                       |                    | |                         | return -22
+)";
+
 // The temporary list of the array variants.
 constexpr char kArray[] = R"(
 array  | malloc 20             | <0                 | E drv:$CALL: malloc MemoryChunkArray failed! | | return -12
@@ -78,7 +104,7 @@ begin  |                       | ejected=1          | |                         
 begin  |                       |                    | |                         | seek
 seek   | seek $B 2048 gone=EINVAL | <0              | E zel:$F: lseek failed : {errno} | | return -1
 seek   |                       |                    | |                         | move
-move   | $MOVE $B 1024 gone=EIO | <0                | |                         | return -1
+move   | $MOVE $B 1024 gone=EIO $WORK | <0                | |                         | return -1
 move   |                       | =1024 reached      | | moved=1                 | return answer
 move   |                       |                    | |                         | return answer
 )";
@@ -136,13 +162,15 @@ constexpr char kSizeBegin[] = R"(
 begin  |                       | ejected=1          | |                         | return -5
 begin  |                       |                    | |                         | size
 size   | ioctl $B 0x20001260 gone=ENODEV | <0       | E zel:Zel_CardGetSize: ioctl(BLKGETSIZE) failed : {errno} | | return 10
-size   |                       |                    | |                         | end
+size   |                       | reached            | |                         | end
+size   |                       |                    | | unread=1                | end
 )";
 // With the CID in the CSD's place blocks are too short to hold a sector.
 constexpr char kSizeEnd[] = R"(
 size   |                       | bad>0              | |                         | return 10
-size   |                       | has_csd=2          | |                         | return 2048
-size   |                       | has_csd=1          | |                         | return 0
+size   |                       | unread=1           | |                         | return unknown
+size   |                       | has_csd=2          | |                         | return $SIZE
+size   |                       | has_csd=1          | |                         | return $CID_SIZE
 size   |                       |                    | |                         | return unknown
 )";
 
@@ -200,7 +228,7 @@ blk    |                       |                    | |                         
 chr    | open $C rdwr          | <0                 | E zel:Zel_Init: open[$C] failed : {errno} | | blk_
 chr    |                       |                    | |                         | ident
 ident  | ioctl $C 0x20007016 gone=ENODEV | <0                 | E zel:Zel_Init: Identify device[$C] failed : {errno} | | chr_
-ident  |                       | reached            | |                         | end
+ident  |                       | reached            | $OLD |                      | $known
 ident  |                       |                    | E zel:Zel_Init: Not support Spec00 : $C | | chr_
 chr_   | close $C              |                    | |                         | blk_
 blk_   | close $B              |                    | |                         | dev_
@@ -210,6 +238,18 @@ dev_   | close $D              |                    | |                         
 constexpr char kInitSize[] = R"(
 size   | ioctl $B 0x20001260 gone=ENODEV | <0                 | E zel:Zel_CardGetSize: ioctl(BLKGETSIZE) failed : {errno} | | last
 size   |                       |                    | |                         | end
+)";
+// Cards of more than 512 GiB are refused, by what their CSD says, or the CID in its place. One
+// of 10 sectors is not.
+constexpr char kInitOver[] = R"(
+size   |                       | bad>0              | |                         | end
+size   |                       | has_csd=2          | P ** OVER 2TB : 1073742848 | | over
+size   |                       | has_csd=1          | P ** OVER 2TB : 3238085632 | | over
+size   |                       |                    | |                         | undefined
+over   |                       |                    | E zel:Zel_SetSdParams: CalcSdParams failed | | chr_
+chr_   | close $C              |                    | |                         | blk_
+blk_   | close $B              |                    | |                         | dev_
+dev_   | close $D              |                    | |                         | return -1
 )";
 constexpr char kInitEnd[] = R"(
 params | ioctl $C 0x20007029   | <0                 | E zel:Zel_SetSdParams: ioctl(ZEL_SET_CARD_PARAMS) failed : {errno} | | chr_
@@ -258,9 +298,9 @@ Parameters operator+(Parameters more, const Parameters& others)
 // Of a direct request.
 Parameters Direct(const char* function, const char* word, const char* request, const char* good)
 {
-    return {{"F", function},       {"WORD", word},     {"LAST", word},   {"REQUEST", request},
-            {"FIRST", request},    {"GOOD", good},     {"ALLOCATE", ""}, {"FREE", ""},
-            {"BEGIN", "errors=0"}, {"MARK", "plain=1"}};
+    return {{"F", function},    {"WORD", word}, {"LAST", word},        {"REQUEST", request},
+            {"FIRST", request}, {"GOOD", good}, {"ALLOCATE", ""},      {"WORK", ""},
+            {"PANIC", ""},      {"FREE", ""},   {"BEGIN", "errors=0"}, {"MARK", "plain=1"}};
 }
 
 Parameters Write(const char* first)
@@ -369,15 +409,77 @@ std::vector<Form> Transfers()
          Moves::ToCard},
         {"Read",
          {{kCheck, {}}, {kPlain, {}}},
-         {{"F", "Zel_Read"}, {"MOVE", "read"}},
+         {{"F", "Zel_Read"}, {"MOVE", "read"}, {"WORK", ""}},
          PlainRead,
          Moves::FromCard},
         {"Write",
          {{kPlainBar, {}}, {kCheck, {}}, {kPlain, {}}},
-         {{"F", "Zel_Write"}, {"MOVE", "write"}},
+         {{"F", "Zel_Write"}, {"MOVE", "write"}, {"WORK", ""}},
          PlainWrite,
          Moves::ToCard},
     };
+}
+
+// A list whose chain ends early; the driver takes the rest, of zeros here, for nothing.
+Parameters Torn(Parameters direct, const char* panic)
+{
+    direct["ALLOCATE"] = "malloc 48";
+    direct["PANIC"] = panic;
+    return direct;
+}
+
+std::vector<Form> Misuses()
+{
+    const Parameters read = Direct("Zel_DrctRead", "ZEL_DIRECT_READ", "0x2000700D", "0");
+    const Parameters write = {{"F", "Zel_DrctWrite"}};
+    const Parameters rmw = WithElements(Direct("Zel_DrctRMW", "ZEL_DIRECT_RMW", "0x2000702A", "0"));
+    const Parameters fat =
+        WithElements(Direct("Zel_FatWrite", "ZEL_FSMI_WRITE", "0x2000701D", "0"));
+    const Parameters command = Direct("Zel_SdCmdWrite", "ZEL_SDCMD_WRITE", "0x2000701E", "0");
+    const Table check = {kCheck, {}};
+    const Table bar = {kBar, {{"finish", "return -5"}}};
+    const Table direct = {kDirect, {}};
+    const Table no_list = {kNoList, {}};
+    const Table long_list = {kLongList, {}};
+    const Table long_element = {kLongElement, {}};
+    const Table nothing = {kNothing, {}};
+    return {
+        {"DrctRead of nothing", {check, direct}, read, DirectReadNothing},
+        {"DrctRead nowhere", {check, no_list}, read, DirectReadNowhere},
+        {"DrctWrite from nowhere", {bar, check, no_list}, write, DirectWriteFromNowhere},
+        {"DrctRead too long", {check, long_list}, read, DirectReadTooLong},
+        {"DrctWrite too long", {bar, check, long_list}, write, DirectWriteTooLong},
+        {"DrctWrite untold", {nothing}, {}, DirectWriteUntold},
+        {"DrctRMW of nothing", {nothing}, {}, ReadModifyWriteNothing},
+        {"FatWrite of nothing", {nothing}, {}, FatWriteNothing},
+        {"DrctRMW torn",
+         {check, direct},
+         Torn(rmw, "E zel:Zel_DrctRMW: DrctRMW List panic(2/3)!"),
+         ReadModifyWriteTorn,
+         Moves::ToCard},
+        {"FatWrite torn",
+         {bar, check, direct},
+         Torn(fat, "E zel:Zel_FatWrite: FSMI List panic(2/3)!"),
+         FatWriteTorn,
+         Moves::ToCard},
+        {"DrctRMW too long", {check, long_element}, rmw, ReadModifyWriteTooLong},
+        {"FatWrite too long", {bar, check, long_element}, fat, FatWriteTooLong},
+        {"SdCmdWrite too long", {bar, check, long_element}, command, CommandWriteTooLong},
+    };
+}
+
+Form SizeForm(const char* size, const char* cid_size)
+{
+    return {"CardGetSize",
+            {{kCheck, {}},
+             {kSizeBegin, {}},
+             {kCheck, {}},
+             {kSdStatus, kWithin},
+             {kCheck, {}},
+             {kInfo, kWithin},
+             {kSizeEnd, {}}},
+            {{"SIZE", size}, {"CID_SIZE", cid_size}},
+            Size};
 }
 
 std::vector<Form> Questions()
@@ -392,16 +494,7 @@ std::vector<Form> Questions()
          VerifySdStatus},
         {"CardGetInfo", {{kCheck, {}}, {kInfo, kAlone}}, {}, Info, Moves::Nothing, VerifyInfo},
         {"CardGetSpeedInfo", {{kCheck, {}}, {kSpeed, {}}}, {}, Speed, Moves::Nothing, VerifySpeed},
-        {"CardGetSize",
-         {{kCheck, {}},
-          {kSizeBegin, {}},
-          {kCheck, {}},
-          {kSdStatus, kWithin},
-          {kCheck, {}},
-          {kInfo, kWithin},
-          {kSizeEnd, {}}},
-         {},
-         Size},
+        SizeForm("2048", "0"),
         {"CardGetWriteProtect",
          {{kCheck, {}}, {kProtection, {}}},
          {{"protected", "0"}},
@@ -483,6 +576,18 @@ std::vector<Operation> ZelOperations()
         Add(&operations, form, ", watched, gone", {.watched = true, .gone = true});
         Add(&operations, form, ", watched, changed", {.watched = true, .changed = true});
     }
+    for (Form form : Transfers()) {
+        if (form.moves == Moves::ToCard) {
+            form.parameters["WORK"] = "usual=-EROFS";
+            form.moves = Moves::Nothing;
+            Add(&operations, form, ", protected", {.watched = true, .protect = true});
+        }
+    }
+    for (const Form& form : Misuses()) {
+        Add(&operations, form, "", {});
+        Add(&operations, form, ", watched", {.watched = true});
+        Add(&operations, form, ", after a failure", {.failed = true});
+    }
     for (const Form& form : Transfers()) {
         Add(&operations, form, ", after a failure", {.failed = true});
     }
@@ -492,18 +597,29 @@ std::vector<Operation> ZelOperations()
     for (const Form& form : RealTime()) {
         Add(&operations, form, "", {});
     }
+    Form size = SizeForm("4194304", "-1056881664");
+    Add(&operations, size, ", of 2 GiB", {.watched = true, .sectors = 4194304});
     const Form protection = {
         "CardGetWriteProtect", {{kCheck, {}}, {kProtection, {}}}, {{"protected", "1"}}, Protection};
     Add(&operations, protection, ", protected", {.watched = true, .protect = true});
 
     const Form detect = {"Detect", {{kDetect, {}}}, {}, Detect};
     Add(&operations, detect, "", {.life = Life::Detects});
-    const Form init = {
-        "Init",
-        {{kInit, {}}, {kInitSize, {}}, {kSdStatus, kWithin}, {kInfo, kWithin}, {kInitEnd, {}}},
-        {},
-        Init};
-    Add(&operations, init, "", {.life = Life::Opens});
+    const Parameters new_card = {{"OLD", ""}, {"known", "end"}};
+    const Parameters old_card = {{"OLD", "E zel:Zel_Init: Not support Spec3F : /dev/spdrc"},
+                                 {"known", "chr_"}};
+    const std::vector<Table> asked = {
+        {kInit, {}}, {kInitSize, {}}, {kSdStatus, kWithin}, {kInfo, kWithin}};
+    std::vector<Table> all = asked;
+    all.push_back({kInitEnd, {}});
+    std::vector<Table> over = asked;
+    over.push_back({kInitOver, {}});
+    over.push_back({kInitEnd, {}});
+    Add(&operations, {"Init", all, new_card, Init}, "", {.life = Life::Opens});
+    Add(&operations, {"Init", all, old_card, Init}, ", of an old version",
+        {.life = Life::Opens, .old = true});
+    Add(&operations, {"Init", over, new_card, Init}, ", over 512 GiB",
+        {.life = Life::Opens, .sectors = 1073742848});
     const Form exit = {"Exit", {{kExit, {}}}, {}, Exit};
     Add(&operations, exit, "", {.life = Life::Closes});
     Add(&operations, exit, ", asked before", {.life = Life::Closes, .asked = true});
