@@ -50,6 +50,7 @@ private:
     void CompareRecord();
     int64_t Continue(const Operation& operation, const Rules& rules, const char* how,
                      Variables* state, int error_before);
+    void UseUnopened();
     void Leave(int64_t result, Variables state, int error_before);
     void Move(CardMove move);
     void Complain(const std::string& what);
@@ -65,6 +66,7 @@ private:
     const Operation& op_;
     Rules rules_;
     std::vector<Other> others_;
+    std::vector<const Operation*> unopened_;
     size_t turn_ = 0;
     std::shared_ptr<cardsim::Card> card_;
     std::unique_ptr<cardsim::Kernel> kernel_ = std::make_unique<cardsim::Kernel>();
