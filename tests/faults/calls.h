@@ -230,6 +230,12 @@ int64_t Generic(Subject& on)
     return DevIoctl(&on.handle, request, on.memory.data());
 }
 
+template <uint32_t request>
+int64_t GenericOfNothing(Subject& on)
+{
+    return DevIoctl(&on.handle, request, nullptr);
+}
+
 inline int64_t Detect(Subject& on)
 {
     return DevDetect(&on.handle);

@@ -177,8 +177,9 @@ send   | ioctl $C $REQUEST gone=ENODEV | >=0        | | unlock                  
 send   |                       |                    | | unlock                  | return 43271
 )";
 
-constexpr char kGeneric[] = R"(
-begin  |                       | ejected=1          | |                         | return -5
+// What no driver is asked.
+constexpr char kAnswer[] = R"(
+begin  |                       | ejected=1          | |                         | return $GONE
 begin  |                       |                    | |                         | return $GOOD
 )";
 
@@ -434,11 +435,15 @@ std::vector<Form> Questions()
         {"CardIoctl2", {check, {kCommand, {}}}, {{"REQUEST", "0x8001D327"}}, Command<2>},
         {"CardIoctl3", {check, {kCommand, {}}}, {{"REQUEST", "0x8001D328"}}, Command<3>},
         {"CardIoctl4", {check, {kCommand, {}}}, {{"REQUEST", "0x8001D329"}}, Command<4>},
+        {"CardIoctl5", {check, {kAnswer, {}}}, {{"GONE", "65531"}, {"GOOD", "0"}}, Command<5>},
         {"IoctlDeviceParams",
-         {check, {kGeneric, {}}},
-         {{"GOOD", "0"}},
+         {check, {kAnswer, {}}},
+         {{"GONE", "-5"}, {"GOOD", "0"}},
          Generic<DEV_IOCTL_DEVICE_PARAMS>},
-        {"Ioctl45", {check, {kGeneric, {}}}, {{"GOOD", "-25"}}, Generic<DEV_IOCTL_RT_45>},
+        {"Ioctl45",
+         {check, {kAnswer, {}}},
+         {{"GONE", "-5"}, {"GOOD", "-25"}},
+         Generic<DEV_IOCTL_RT_45>},
     };
 }
 
@@ -492,6 +497,7 @@ std::vector<Operation> MivoOperations()
     Add(&operations, detect, "", {.life = Life::Detects});
     const Form init = {"Init", {{kInit, {}}}, {}, Init};
     Add(&operations, init, "", {.life = Life::Opens});
+    Add(&operations, init, ", without an input", {.life = Life::Opens, .no_input = true});
     const Form exit = {"Exit", {{kExit, {}}}, {}, Exit};
     Add(&operations, exit, "", {.life = Life::Closes});
     Add(&operations, exit, ", asked before", {.life = Life::Closes, .asked = true});

@@ -67,13 +67,14 @@ const std::vector<Oddity>& HalfDone()
     return kOddities;
 }
 
-const std::vector<Oddity>& Positive()
+const std::vector<Oddity>& OddResults()
 {
     static const std::vector<Oddity> kOddities = {
         {.name = "1", .result = 1, .reaches = true},
         {.name = "2", .result = 2, .reaches = true},
         {.name = "0xFFFF", .result = 0xFFFF, .reaches = true},
         {.name = "0x10001", .result = 0x10001, .reaches = true},
+        {.name = "another negative", .result = -2},
     };
     return kOddities;
 }
@@ -84,7 +85,7 @@ const std::vector<Oddity>& AllOf(const ExpectedCall& call)
 {
     static const std::vector<Oddity> kRequest =
         Errors({EBUSY, ENODEV, EIO, ENOMEDIUM, ENXIO, EINTR, EAGAIN, ENOMEM, ENOTTY, EINVAL}) +
-        std::vector<Oddity>{kMute} + Positive();
+        std::vector<Oddity>{kMute} + OddResults();
     static const std::vector<Oddity> kTransfer = kRequest + HalfDone();
     static const std::vector<Oddity> kPoll =
         Errors({EINTR, EBUSY, ENODEV, ENOMEM, EINVAL}) +
@@ -94,7 +95,9 @@ const std::vector<Oddity>& AllOf(const ExpectedCall& call)
                             Events("HUP, ENODEV", POLLHUP, ENODEV),
                             Events("ERR, EIO", POLLERR, EIO),
                             Events("OUT, EBUSY", POLLOUT, EBUSY),
-                            Events("RDNORM", POLLRDNORM)} +
+                            Events("RDNORM", POLLRDNORM),
+                            {.name = "OUT, twice", .result = 2, .events = POLLOUT},
+                            {.name = "IN, twice", .result = 2, .events = POLLIN}} +
         AllEvents();
     static const std::vector<Oddity> kRead = Errors({EIO, EINTR, ENOMEDIUM, ENXIO, EBADF, EFAULT}) +
                                              std::vector<Oddity>{kMute,
@@ -146,10 +149,10 @@ const std::vector<Oddity>& AllOf(const ExpectedCall& call)
 const std::vector<Oddity>& SomeOf(const ExpectedCall& call)
 {
     static const std::vector<Oddity> kRequest =
-        Errors({EBUSY, ENODEV, EIO}) + std::vector<Oddity>{Positive()[0], Positive()[1]};
+        Errors({EBUSY, ENODEV, EIO}) + std::vector<Oddity>{OddResults()[0], OddResults()[1]};
     static const std::vector<Oddity> kTransfer =
         Errors({EBUSY, ENODEV, EIO}) +
-        std::vector<Oddity>{HalfDone()[0], HalfDone()[2], Positive()[0]};
+        std::vector<Oddity>{HalfDone()[0], HalfDone()[2], OddResults()[0]};
     static const std::vector<Oddity> kPoll = {
         {.name = "EBUSY", .error = EBUSY},
         {.name = "time-out", .result = 0},

@@ -202,6 +202,8 @@ std::vector<Operation> RicohOperations()
     const Parameters willing = {{"MORE", ""}};
     const Parameters protective = {{"MORE", "usual=-EROFS"}};
     Add(&operations, {"Init", {{kInit, {}}}, willing, Init}, "", {.life = Life::Opens});
+    Add(&operations, {"Init", {{kInit, {}}}, willing, Init}, ", without an input",
+        {.life = Life::Opens, .no_input = true});
     Add(&operations, {"Init", {{kInit, {}}}, protective, Init}, ", protected",
         {.life = Life::Opens, .protect = true});
     const Form exit = {"Exit", {{kExit, {}}}, {}, Exit};

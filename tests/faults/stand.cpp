@@ -7,6 +7,9 @@
 #include <cstring>
 #include <stdexcept>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "carddev_state.h"
 #include "ricohsd/ricohsd.h"
 #include "tests/faults/calls.h"
@@ -120,6 +123,10 @@ Stand::Stand(const Operation& operation, const std::vector<Operation>& others)
             others_.push_back({&other, Rules(other.tables, other.parameters)});
         }
     }
+    if (op_.setup.no_input) {
+        input_ = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100);
+        close(STDIN_FILENO);
+    }
     // A CID that says, read as a CSD, that blocks are shorter than a sector.
     for (size_t i = 0; i < sizeof card_->model().cid; i++) {
         card_->model().cid[i] = static_cast<uint8_t>(0xC0 + i * 16);
@@ -162,6 +169,10 @@ Stand::Stand(const Operation& operation, const std::vector<Operation>& others)
 
 Stand::~Stand()
 {
+    if (input_ >= 0) {
+        dup2(input_, STDIN_FILENO);
+        close(input_);
+    }
     fclose(console_);
     free(text_);
 }
@@ -538,6 +549,26 @@ void Stand::UseUnopened()
     Expect(kernel_->OpenFiles() == open, "a call on what is not open has opened something");
 }
 
+// An open device with a descriptor of 0 counts as closed, and stays as it is. Of Ricoh's,
+// nobody looks.
+void Stand::CloseByHand()
+{
+    const std::string said = Captured(
+        [&] { slots_ ? zel_ops.Exit(&subject_->handle) : mivo_ops.Exit(&subject_->handle); });
+    Expect(said.ends_with("already closed!\n"), "the end of what counts as closed");
+    if (slots_) {
+        ZelDevice& unit = zel_dev[kZelUnit];
+        for (const int fd : {unit.blk_fd, unit.dev_fd, unit.chr_fd, unit.rt_fd}) {
+            close(fd);
+        }
+        unit = {};
+    } else {
+        close(mivo_dev[kMivoUnit].chr_fd);
+        mivo_dev[kMivoUnit] = {};
+    }
+    lost_blocks_ = kernel_->LiveBlocks();
+}
+
 // The same again, another operation, and the end; nothing is left but what an opening that
 // failed is known to lose.
 void Stand::Leave(int64_t result, Variables state, int error_before)
@@ -565,6 +596,11 @@ void Stand::Leave(int64_t result, Variables state, int error_before)
     if (!others_.empty()) {
         const Other& other = others_[turn_++ % others_.size()];
         Continue(*other.operation, other.rules, "in the end ", &state, error_before);
+    }
+    const bool open = slots_ ? zel_dev[kZelUnit].sg_table != nullptr
+                             : units_ && mivo_dev[kMivoUnit].sg_table != nullptr;
+    if (op_.setup.no_input && open) {
+        CloseByHand();
     }
     Captured([&] {
         if (life == Life::Closes) {

@@ -51,6 +51,7 @@ private:
     int64_t Continue(const Operation& operation, const Rules& rules, const char* how,
                      Variables* state, int error_before);
     void UseUnopened();
+    void CloseByHand();
     void Leave(int64_t result, Variables state, int error_before);
     void Move(CardMove move);
     void Complain(const std::string& what);
@@ -80,6 +81,7 @@ private:
     MivoDevice mivo_before_ = {};
     size_t lost_blocks_ = 0;  // by openings that failed
     std::string complaint_;
+    int input_ = -1;
     FILE* console_ = nullptr;
     char* text_ = nullptr;
     size_t length_ = 0;

@@ -37,13 +37,14 @@ enum class Life { Works, Opens, Closes, Detects };
 
 struct Setup {
     Life life = Life::Works;
-    bool watched = false;  // an eject callback is registered
-    bool gone = false;     // the card has left since it was opened
-    bool changed = false;  // ... and another one has come
-    bool failed = false;   // a direct transfer gave up before
-    bool asked = false;    // registers, SD status and speed record are known
-    bool protect = false;  // the card is write-protected
-    bool old = false;      // the driver counts it as of a version that is not supported
+    bool watched = false;   // an eject callback is registered
+    bool gone = false;      // the card has left since it was opened
+    bool changed = false;   // ... and another one has come
+    bool failed = false;    // a direct transfer gave up before
+    bool asked = false;     // registers, SD status and speed record are known
+    bool protect = false;   // the card is write-protected
+    bool old = false;       // the driver counts it as of a version that is not supported
+    bool no_input = false;  // the program has closed its standard input: 0 is free
     uint32_t sectors = 2048;
 };
 

@@ -201,6 +201,12 @@ begin  |                       |                    | |                         
 send   | $SEND                 |                    | |                         | return answer
 )";
 
+// What no driver is asked.
+constexpr char kAnswer[] = R"(
+begin  |                       | ejected=1          | |                         | return $GONE
+begin  |                       |                    | |                         | return $GOOD
+)";
+
 constexpr char kRealTime[] = R"(
 ask    | ioctl $R $REQUEST     | <0                 | E zel:$F: $WORD ioctl failed : {errno} | | return -errno
 ask    |                       |                    | |                         | return $GOOD
@@ -518,6 +524,26 @@ std::vector<Form> Questions()
          {{kCheck, {}}, {kGeneric, {}}},
          {{"SEND", "ioctl /dev/rtctrl_zel 0x8004EC15"}},
          Generic<DEV_IOCTL_RT_45>},
+        {"CardIoctl5",
+         {{kCheck, {}}, {kAnswer, {}}},
+         {{"GONE", "65531"}, {"GOOD", "0"}},
+         Command<5>},
+        {"Ioctl40 of nothing",
+         {{kCheck, {}}, {kAnswer, {}}},
+         {{"GONE", "-5"}, {"GOOD", "-22"}},
+         GenericOfNothing<DEV_IOCTL_RT_40>},
+        {"Ioctl41 of nothing",
+         {{kCheck, {}}, {kAnswer, {}}},
+         {{"GONE", "-5"}, {"GOOD", "-22"}},
+         GenericOfNothing<DEV_IOCTL_RT_41>},
+        {"Ioctl42 of nothing",
+         {{kCheck, {}}, {kAnswer, {}}},
+         {{"GONE", "-5"}, {"GOOD", "-22"}},
+         GenericOfNothing<DEV_IOCTL_RT_42>},
+        {"Ioctl44",
+         {{kCheck, {}}, {kAnswer, {}}},
+         {{"GONE", "-5"}, {"GOOD", "-25"}},
+         Generic<0x20007244>},
         {"IoctlDeviceParams",
          {{kCheck, {}}, {kGeneric, {}}},
          {{"SEND", "ioctl /dev/spdc 0x20007013 gone=ENODEV"}},
@@ -616,6 +642,8 @@ std::vector<Operation> ZelOperations()
     over.push_back({kInitOver, {}});
     over.push_back({kInitEnd, {}});
     Add(&operations, {"Init", all, new_card, Init}, "", {.life = Life::Opens});
+    Add(&operations, {"Init", all, new_card, Init}, ", without an input",
+        {.life = Life::Opens, .no_input = true});
     Add(&operations, {"Init", all, old_card, Init}, ", of an old version",
         {.life = Life::Opens, .old = true});
     Add(&operations, {"Init", over, new_card, Init}, ", over 512 GiB",
