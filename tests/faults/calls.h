@@ -192,6 +192,17 @@ inline int64_t Status(Subject& on)
     return CARD_Getstatus(&on.handle, &status);
 }
 
+inline int64_t R1Status(Subject& on)
+{
+    return CARD_GetR1Status(&on.handle);
+}
+
+// Nothing that changes what was registered before.
+inline int64_t Register(Subject& on)
+{
+    return CARD_Init(&on.handle, 0, nullptr);
+}
+
 inline int64_t Info(Subject& on)
 {
     return CARD_Getinfo(&on.handle, &on.info);

@@ -104,6 +104,9 @@ bar    |                       |                    | |                         
 
 // --- questions ------------------------------------------------------------------------
 
+constexpr char kDone[] = R"(
+done   |                       |                    | |                         | return 0
+)";
 constexpr char kStatus[] = R"(
 answer |                       | ejected=1          | |                         | return 65531
 answer |                       |                    | |                         | return 0
@@ -422,6 +425,8 @@ std::vector<Form> Questions()
     const Table check = {kCheck, {}};
     return {
         {"CardGetStatus", {check, {kStatus, {}}}, {}, Status},
+        {"CardInit", {{kDone, {}}}, {}, Register},
+        {"CardGetR1Status", {{kDone, {}}}, {}, R1Status},
         {"CardSecureGetInfo",
          {check, {kSdStatus, kAlone}},
          {},

@@ -155,6 +155,8 @@ std::vector<Operation> RicohOperations()
          PlainWrite,
          Moves::ToCard},
         {"CardGetStatus", {{kAnswer, {}}}, good("0"), Status},
+        {"CardInit", {{kAnswer, {}}}, good("0"), Register},
+        {"CardGetR1Status", {{kAnswer, {}}}, good("0"), R1Status},
         {"CardGetInfo", {{kInfo, {}}}, {}, Info, Moves::Nothing, VerifyInfo},
         {"CardGetSpeedInfo", {{kInfo, {}}}, {}, Speed, Moves::Nothing, VerifySpeed},
         {"CardSecureGetInfo", {{kSdStatus, {}}}, {}, SdStatus, Moves::Nothing, VerifySdStatus},

@@ -6,6 +6,7 @@
 #define CARDDEV_TESTS_FAULTS_STAND_H
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>

@@ -6,7 +6,6 @@
 #define CARDDEV_TESTS_FAULTS_TABLES_H
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -60,7 +59,7 @@ struct Operation {
     Setup setup;
     std::vector<Table> tables;
     Parameters parameters;
-    std::function<int64_t(Subject&)> run;
+    int64_t (*run)(Subject&);
     Moves moves = Moves::Nothing;  // `kMoved` sectors, where it succeeds
     Verify verify = nullptr;
 };

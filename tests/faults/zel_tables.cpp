@@ -115,6 +115,9 @@ bar    |                       |                    | |                         
 
 // --- questions ------------------------------------------------------------------------
 
+constexpr char kDone[] = R"(
+done   |                       |                    | |                         | return 0
+)";
 constexpr char kStatus[] = R"(
 answer |                       | ejected=1          | |                         | return 65531
 answer |                       |                    | |                         | return 0
@@ -492,6 +495,8 @@ std::vector<Form> Questions()
 {
     return {
         {"CardGetStatus", {{kCheck, {}}, {kStatus, {}}}, {}, Status},
+        {"CardInit", {{kDone, {}}}, {}, Register},
+        {"CardGetR1Status", {{kDone, {}}}, {}, R1Status},
         {"CardSecureGetInfo",
          {{kCheck, {}}, {kSdStatus, kAlone}},
          {},
