@@ -19,9 +19,9 @@
 #if defined(__has_feature)
 #if __has_feature(memory_sanitizer)
 #include <sanitizer/msan_interface.h>
-// A driver that fails, or says that it has written and has not, leaves a record as it was,
-// and the Zel back-end goes on with that (a register that cannot be read is reported with
-// success). These are the only bytes without a value that the library may look at.
+// The only bytes without a value that the library may look at: a record that its driver says
+// to have written; and the Zel back-end's register records after a failure, because a register
+// that cannot be read is reported with success.
 #define FUZZ_RECORD_IS_AS_IT_IS(at, size) __msan_unpoison(at, size)
 #endif
 #endif
@@ -88,7 +88,14 @@ public:
     Answer Serve(const SystemCall& call) override
     {
         const uint8_t byte = Next();
+        if (call.kind == CallKind::Stat) {
+            *call.node = node;
+        }
         const Answer answer = AnswerOf(call, static_cast<Mode>(byte & 7), byte >> 3);
+        const RequestRecord* record = Written(call);
+        if (record != nullptr && (answer.result >= 0 || call.request == kZelCardParams)) {
+            FUZZ_RECORD_IS_AS_IT_IS(MemoryOf(call), record->size);
+        }
         if (call.kind == CallKind::Read || call.kind == CallKind::Write) {
             transferred = answer.result;
         }
@@ -179,10 +186,12 @@ private:
         }
     }
 
-    static const RequestRecord* RecordOf(uint32_t request)
+    // The record that a call has the driver write; null where there is none.
+    static const RequestRecord* Written(const SystemCall& call)
     {
         for (const RequestRecord& record : kRecords) {
-            if (record.number == request) {
+            if (call.kind == CallKind::Ioctl && call.argument != 0 &&
+                record.number == call.request) {
                 return &record;
             }
         }
@@ -202,14 +211,11 @@ private:
     // What an ordinary driver would do.
     void Work(const SystemCall& call)
     {
-        if (call.kind == CallKind::Stat) {
-            *call.node = node;
-        }
         if (call.kind == CallKind::Read) {
             memset(reinterpret_cast<void*>(call.argument), 0x5A, static_cast<size_t>(Usual(call)));
         }
-        const RequestRecord* record = RecordOf(call.request);
-        if (call.kind == CallKind::Ioctl && record != nullptr && call.argument != 0) {
+        const RequestRecord* record = Written(call);
+        if (record != nullptr) {
             uint8_t* memory = MemoryOf(call);
             memset(memory, 0, record->size);
             memory[record->place] = record->value;
@@ -224,12 +230,11 @@ private:
             call.node->st_rdev = makedev(answers_.Number(2), answers_.Number(3));
             return;
         }
-        const RequestRecord* record = RecordOf(call.request);
-        if (call.kind != CallKind::Ioctl || record == nullptr || call.argument == 0) {
+        const RequestRecord* record = Written(call);
+        if (record == nullptr) {
             return;
         }
         uint8_t* memory = MemoryOf(call);
-        FUZZ_RECORD_IS_AS_IT_IS(memory, record->size);
         if ((detail & 16) == 0) {
             memset(memory, answers_.Byte(), record->size);
         }
