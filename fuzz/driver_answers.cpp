@@ -13,21 +13,9 @@
 
 #include "carddev.h"
 #include "fuzz/check.h"
+#include "fuzz/contents.h"
 #include "fuzz/input.h"
 #include "fuzz/machine.h"
-
-#if defined(__has_feature)
-#if __has_feature(memory_sanitizer)
-#include <sanitizer/msan_interface.h>
-// The only bytes without a value that the library may look at: a record that its driver says
-// to have written; and the Zel back-end's register records after a failure, because a register
-// that cannot be read is reported with success.
-#define FUZZ_RECORD_IS_AS_IT_IS(at, size) __msan_unpoison(at, size)
-#endif
-#endif
-#ifndef FUZZ_RECORD_IS_AS_IT_IS
-#define FUZZ_RECORD_IS_AS_IT_IS(at, size)
-#endif
 
 namespace {
 
@@ -94,7 +82,10 @@ public:
         const Answer answer = AnswerOf(call, static_cast<Mode>(byte & 7), byte >> 3);
         const RequestRecord* record = Written(call);
         if (record != nullptr && (answer.result >= 0 || call.request == kZelCardParams)) {
-            FUZZ_RECORD_IS_AS_IT_IS(MemoryOf(call), record->size);
+            // The only bytes without a value that the library may look at: a record that its
+            // driver says to have written; and the Zel back-end's register records after a
+            // failure, because a register that cannot be read is reported with success.
+            fuzz::HasValue(MemoryOf(call), record->size);
         }
         if (call.kind == CallKind::Read || call.kind == CallKind::Write) {
             transferred = answer.result;

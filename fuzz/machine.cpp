@@ -11,6 +11,7 @@
 
 #include "carddev_state.h"
 #include "fuzz/check.h"
+#include "fuzz/contents.h"
 #include "fuzz/messages.h"
 
 #if defined(__has_include) && __has_include(<sanitizer/asan_interface.h>)
@@ -19,16 +20,6 @@
 #define ASAN_POISON_MEMORY_REGION(address, length)
 #define ASAN_UNPOISON_MEMORY_REGION(address, length)
 #endif
-#if defined(__has_feature)
-#if __has_feature(memory_sanitizer)
-#include <sanitizer/msan_interface.h>
-#define FUZZ_POISON_CONTENTS(address, length) __msan_poison(address, length)
-#endif
-#endif
-#ifndef FUZZ_POISON_CONTENTS
-#define FUZZ_POISON_CONTENTS(address, length)
-#endif
-
 extern "C" {
 
 int __real_stat64(const char* path, struct stat64* node);
@@ -278,7 +269,7 @@ void* Machine::Malloc(size_t length)
     live_blocks_++;
     memset(block, zero_ ? 0 : fill_, length);
     if (!zero_) {
-        FUZZ_POISON_CONTENTS(block, length);
+        HasNoValue(block, length);
     }
     return block;
 }
