@@ -3,8 +3,10 @@
 """board/run, cardtool on the board, and tests/board/run-suite from outside: what goes in
 comes out, and whatever fails is seen to fail: test_board_run.py BUILD_DIR"""
 
+import os
 import pathlib
 import random
+import re
 import shutil
 import subprocess
 import sys
@@ -16,6 +18,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build/ppc"
 RUN = ROOT / "board/run"
 BOARD_FAILED = 125
+os.environ["PATH"] += ":/usr/sbin:/sbin"
 
 
 class BoardTest(unittest.TestCase):
@@ -135,6 +138,53 @@ class CardTool(BoardTest):
         self.assertEqual(10, done.returncode, done.stdout + done.stderr)
         self.assertEqual(b"", done.stdout)
         self.assertIn(b"differ", done.stderr)
+
+
+    # Each sector reaches the driver twice: the kernel's copy would agree with itself.
+    def test_a_backup_is_compared_with_the_card(self):
+        (self.folder / "card.img").write_bytes(random.Random(3).randbytes(1 << 20))
+        script = (
+            'tool=$1; shift; card insert zel0 card.img && "$tool" backup /dev/spda -o out "$@" &&'
+            " card trace zel0"
+        )
+        for options, twice in ((["--no-verify"], False), ([], True)):
+            done = self.run_it(
+                "sh", "-c", script, "sh", BUILD / "cardtool", *options, cwd=self.folder
+            )
+            self.assertEqual(0, done.returncode, done.stderr)
+            self.assertEqual(
+                (self.folder / "card.img").read_bytes(), (self.folder / "out").read_bytes()
+            )
+            reads = re.findall(rb" /dev/spda read = (\d+)$", done.stdout, re.MULTILINE)
+            self.assertGreaterEqual(sum(map(int, reads)), 1 << 20, done.stdout)
+            self.assertEqual(twice, sum(map(int, reads)) >= 2 << 20, done.stdout)
+
+    def test_a_mounted_card_is_not_written_to(self):
+        image = self.folder / "card.img"
+        with open(image, "wb") as file:
+            file.truncate(1 << 20)
+        subprocess.run(["mkfs.fat", image], check=True, capture_output=True)
+        (self.folder / "in").write_bytes(random.Random(4).randbytes(1 << 20))
+        script = (
+            "tool=$1 place=$2 node=$3; mkdir -p /mnt; card insert $place card.img || exit 1;"
+            " mount -t vfat -o ro $node /mnt || exit 2;"
+            ' "$tool" write $node -i in --count 3 --yes; echo write $?;'
+            ' "$tool" restore $node -i in --yes; echo restore $?;'
+            ' card save $place mounted.img; umount /mnt;'
+            ' "$tool" restore $node -i in --yes > /dev/null; echo unmounted $?;'
+            " card save $place after.img"
+        )
+        for place, node in (("zel0", "/dev/spda"), ("ricoh", "/dev/sdcarda")):
+            with self.subTest(node):
+                done = self.run_it(
+                    "sh", "-c", script, "sh", BUILD / "cardtool", place, node, cwd=self.folder
+                )
+                self.assertEqual(b"write 6\nrestore 6\nunmounted 0\n", done.stdout, done.stderr)
+                self.assertEqual(2, done.stderr.count(b" is mounted at /mnt\n"), done.stderr)
+                for saved, source in (("mounted.img", "card.img"), ("after.img", "in")):
+                    self.assertEqual(
+                        (self.folder / source).read_bytes(), (self.folder / saved).read_bytes()
+                    )
 
 
 class RunSuite(unittest.TestCase):

@@ -54,18 +54,19 @@ void Compare(Device& device, const Range& range, Input& input, Progress& progres
 
 // What is compared is to be what the card holds. A node of a card that is gone does not
 // open: here that is a removal.
-void ReopenToCompare(Device& device, const Range& range)
+void ReopenToCompare(Device& device, const Range& range, const char* done, const char* move)
 {
     const std::string name = device.path();
     try {
         device.Reopen();
     } catch (const Failure& failure) {
         const bool gone = failure.code() == ExitCode::NoSuchDevice;
-        throw Failure(
-            gone ? ExitCode::Removed : failure.code(),
-            "wrote " + SectorCount(range.count) + " of " + name + " from sector " +
-                std::to_string(range.first) + " but could not compare: " + failure.what(),
-            "check the card's seat, then compare with the verify command, or write again");
+        throw Failure(gone ? ExitCode::Removed : failure.code(),
+                      std::string(done) + " " + SectorCount(range.count) + " of " + name +
+                          " from sector " + std::to_string(range.first) +
+                          " but could not compare: " + failure.what(),
+                      "check the card's seat, then compare with the verify command, or " +
+                          std::string(move) + " again");
     }
 }
 
@@ -183,6 +184,7 @@ void ReadCard(const Arguments& arguments, Device& device, Report& report)
     }
     file.Close();
     if (compare) {
+        ReopenToCompare(device, range, "read", "read");
         Input copy(arguments.file, 0);
         Compare(device, range, copy, progress, report);
     }
@@ -207,7 +209,7 @@ void WriteCard(const Arguments& arguments, Device& device, Report& report)
     Phase("writing", progress, report, "moved_bytes",
           [&] { WriteSectors(device, range, input, &progress); });
     if (arguments.verify) {
-        ReopenToCompare(device, range);
+        ReopenToCompare(device, range, "wrote", "write");
         Compare(device, range, input, progress, report);
     }
     report.Say(Done(arguments.verify ? "wrote and compared" : "wrote", range, device.path()));
