@@ -100,6 +100,12 @@ void Kernel::ClearFaults()
     faults_.clear();
 }
 
+void Kernel::ClearFaults(const std::string& node)
+{
+    const std::lock_guard<std::mutex> lock(lock_);
+    std::erase_if(faults_, [&](const Planned& planned) { return planned.fault.node == node; });
+}
+
 static bool Matches(const Fault& fault, const Call& call)
 {
     return (!fault.kind || *fault.kind == call.kind) &&

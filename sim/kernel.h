@@ -115,6 +115,7 @@ public:
 
     void Inject(Fault fault);
     void ClearFaults();
+    void ClearFaults(const std::string& node);  // that name this node
 
     // Everything since the last ClearCalls, in the order of the answers.
     std::vector<Call> Calls() const;

@@ -233,51 +233,84 @@ static const struct file_operations control_files = {
 /* --- the card's sectors -------------------------------------------------------------------------
  */
 
+/* An open file stays with the card that was in when it was opened: what is on a card that was
+ * pulled out can still be seen. */
+struct media {
+    struct place *place;
+    struct card *card;
+};
+
+static int media_open(struct inode *inode, struct file *file)
+{
+    struct media *media = kzalloc(sizeof *media, GFP_KERNEL);
+
+    if (!media)
+        return -ENOMEM;
+    media->place = inode->i_private;
+    media->card = place_card(media->place);
+    file->private_data = media;
+    return 0;
+}
+
+static int media_release(struct inode *inode, struct file *file)
+{
+    struct media *media = file->private_data;
+
+    card_put(media->card);
+    kfree(media);
+    return 0;
+}
+
+/* Null where the card's sectors are in no cache: it has gone, or nothing caches them. */
+static struct disk *media_disk(const struct media *media)
+{
+    return READ_ONCE(media->place->card) == media->card ? media->place->disk : NULL;
+}
+
 static ssize_t media_read(struct file *file, char __user *to, size_t length, loff_t *position)
 {
-    struct place *place = file->private_data;
-    struct card *card = place_card(place);
-    ssize_t moved;
+    struct media *media = file->private_data;
+    struct sim_card *model = &media->card->model;
+    struct disk *disk = media_disk(media);
 
-    if (!card)
+    if (!media->card)
         return -ENOMEDIUM;
-    if (place->disk)
-        disk_flush(place->disk);
-    moved = simple_read_from_buffer(to, length, position, card->model.media.bytes,
-                                    (size_t)card->model.sectors * SIM_SECTOR_SIZE);
-    card_put(card);
-    return moved;
+    if (disk)
+        disk_flush(disk);
+    return simple_read_from_buffer(to, length, position, model->media.bytes,
+                                   (size_t)model->sectors * SIM_SECTOR_SIZE);
 }
 
 static ssize_t media_write(struct file *file, const char __user *from, size_t length,
                            loff_t *position)
 {
-    struct place *place = file->private_data;
-    struct card *card = place_card(place);
+    struct media *media = file->private_data;
+    struct sim_card *model = &media->card->model;
+    struct disk *disk = media_disk(media);
     size_t size;
     ssize_t moved;
 
-    if (!card)
+    if (!media->card)
         return -ENOMEDIUM;
-    if (place->disk)
-        disk_flush(place->disk);
-    size = (size_t)card->model.sectors * SIM_SECTOR_SIZE;
+    size = (size_t)model->sectors * SIM_SECTOR_SIZE;
+    if (disk)
+        disk_flush(disk);
     if (*position < size)
-        moved = simple_write_to_buffer(card->model.media.bytes, size, position, from, length);
+        moved = simple_write_to_buffer(model->media.bytes, size, position, from, length);
     else
         moved = length ? -ENOSPC : 0;
-    if (place->disk)
-        disk_drop(place->disk);
-    card_put(card);
+    if (disk)
+        disk_drop(disk);
     return moved;
 }
 
 static const struct file_operations media_file = {
     .owner = THIS_MODULE,
-    .open = simple_open,
+    .open = media_open,
     .read = media_read,
     .write = media_write,
     .llseek = default_llseek,
+    .release = media_release,
 };
 
 void control_init(void)

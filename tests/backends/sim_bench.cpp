@@ -3,6 +3,7 @@
 // The bench in the stand-in for the kernel.
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 
 #include "sim/mivo_driver.h"
@@ -67,6 +68,7 @@ public:
         } else {
             host_->Insert(card);
         }
+        const std::lock_guard<std::mutex> lock(cards_lock_);
         cards_[place] = card;
     }
 
@@ -79,7 +81,12 @@ public:
         } else {
             host_->Eject();
         }
-        cards_.erase(place);
+        const std::lock_guard<std::mutex> lock(cards_lock_);
+        const auto found = cards_.find(place);
+        if (found != cards_.end()) {
+            pulled_[place] = std::move(found->second);
+            cards_.erase(found);
+        }
     }
 
     void Protect(const std::string& place, bool is_protected) override
@@ -89,10 +96,22 @@ public:
 
     Bytes OnCard(const std::string& place, uint32_t first, uint32_t sectors) override
     {
-        Bytes bytes(size_t{sectors} * 512);
-        sim_card_read(&Model(place), uint64_t{first} * 512, bytes.data(),
-                      static_cast<uint32_t>(bytes.size()));
-        return bytes;
+        return Sectors(Model(place), first, sectors);
+    }
+
+    Bytes OnPulledCard(const std::string& place, uint32_t first, uint32_t sectors) override
+    {
+        return Sectors(CardOf(pulled_, place)->model(), first, sectors);
+    }
+
+    bool CachesPlain(const std::string&) override { return false; }
+    bool WritesLate(const std::string&) override { return false; }
+    void ForgetCaches(const std::string&) override {}
+
+    bool HasCard(const std::string& place) override
+    {
+        const std::lock_guard<std::mutex> lock(cards_lock_);
+        return cards_.count(place) != 0;
     }
 
     Bytes Register(const std::string& place, const std::string& name) override
@@ -110,6 +129,7 @@ public:
         memcpy(field.at, bytes.data(), bytes.size());
     }
 
+    bool AnswersEveryCall() override { return true; }
     void Latency(const std::string&, std::chrono::microseconds) override {}
 
     void Inject(const std::string& place, const BenchFault& fault) override
@@ -128,11 +148,20 @@ public:
         }
         sim.reach_driver = fault.reach;
         sim.revents = fault.events;
+        sim.at_most = fault.at_most;
         sim.then = [this, place, fault] { Follow(place, fault); };
         kernel_.Inject(sim);
     }
 
-    void ClearFaults(const std::string&) override { kernel_.ClearFaults(); }
+    void ClearFaults(const std::string& place) override
+    {
+        for (const BenchNode node : {BenchNode::Block, BenchNode::Char}) {
+            const std::string path = NodeOf(place, node);
+            if (!path.empty()) {
+                kernel_.ClearFaults(path);
+            }
+        }
+    }
 
     std::vector<BenchCall> Calls(const std::string& place) override
     {
@@ -156,6 +185,8 @@ public:
         kernel_.ClearCalls();
         cleared_at_ = kernel_.Now();
     }
+
+    void KeepNoCalls() override { kernel_.KeepCalls(false); }
 
     uint32_t State(const std::string& place, const std::string& key) override
     {
@@ -219,7 +250,23 @@ private:
         return IsMivo(place) ? cardsim::MivoNode(UnitOf(place)) : cardsim::kRtNode;
     }
 
-    sim_card& Model(const std::string& place) { return cards_.at(place)->model(); }
+    using Cards = std::map<std::string, std::shared_ptr<cardsim::Card>>;
+
+    std::shared_ptr<cardsim::Card> CardOf(const Cards& cards, const std::string& place)
+    {
+        const std::lock_guard<std::mutex> lock(cards_lock_);
+        return cards.at(place);
+    }
+
+    sim_card& Model(const std::string& place) { return CardOf(cards_, place)->model(); }
+
+    static Bytes Sectors(sim_card& card, uint32_t first, uint32_t sectors)
+    {
+        Bytes bytes(size_t{sectors} * 512);
+        sim_card_read(&card, uint64_t{first} * 512, bytes.data(),
+                      static_cast<uint32_t>(bytes.size()));
+        return bytes;
+    }
 
     Field FieldOf(const std::string& place, const std::string& name)
     {
@@ -307,7 +354,7 @@ private:
         }
         if (fault.eject) {
             Eject(place);
-        } else if (fault.protect) {
+        } else if (fault.protect && HasCard(place)) {
             Protect(place, true);
         } else if (fault.exchange) {
             Insert(place, *fault.exchange);
@@ -330,7 +377,9 @@ private:
     std::shared_ptr<cardsim::ZelSlots> slots_ = cardsim::ZelSlots::Create(kernel_);
     std::shared_ptr<cardsim::MivoUnits> units_ = cardsim::MivoUnits::Create(kernel_);
     std::shared_ptr<cardsim::RicohHost> host_ = cardsim::RicohHost::Create(kernel_);
-    std::map<std::string, std::shared_ptr<cardsim::Card>> cards_;
+    std::mutex cards_lock_;
+    Cards cards_;
+    Cards pulled_;  // the one that left last
     std::chrono::nanoseconds cleared_at_{0};
 };
 

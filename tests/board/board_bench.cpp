@@ -3,6 +3,8 @@
 // The bench on the emulated board: real nodes, and the control files of their drivers.
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <mutex>
 #include <set>
 #include <sstream>
 
@@ -78,8 +80,11 @@ public:
 
     void Insert(const std::string& place, const Bytes& sectors) override
     {
-        used_.insert(place);
         EXPECT_EQ(0, board::Insert(place, sectors)) << place;
+        auto media = std::make_shared<board::Fd>(board::Control(place, "media"), O_RDWR);
+        const std::lock_guard<std::mutex> lock(lock_);
+        used_.insert(place);
+        media_[place] = std::move(media);
     }
 
     void Eject(const std::string& place) override { Set(place, "eject", "1"); }
@@ -93,6 +98,31 @@ public:
     {
         return board::OnCard(place, first, sectors);
     }
+
+    // A control file that was opened while the card was in stays with it.
+    Bytes OnPulledCard(const std::string& place, uint32_t first, uint32_t sectors) override
+    {
+        const std::shared_ptr<board::Fd> media = MediaOf(place);
+        Bytes bytes(size_t{sectors} * 512);
+        EXPECT_EQ(
+            static_cast<ssize_t>(bytes.size()),
+            pread64(media->get(), bytes.data(), bytes.size(), static_cast<off64_t>(first) * 512));
+        return bytes;
+    }
+
+    bool CachesPlain(const std::string& place) override { return !place.starts_with("mivo"); }
+
+    // The kernel does, for a block node that is open without O_SYNC.
+    bool WritesLate(const std::string& place) override { return place.starts_with("zel"); }
+
+    // As writing to a card's sectors does, even when it is nothing that is written.
+    void ForgetCaches(const std::string& place) override
+    {
+        EXPECT_EQ(0, write(MediaOf(place)->get(), "", 0)) << place;
+    }
+
+    bool HasCard(const std::string& place) override { return State(place, "sectors") != 0; }
+    bool AnswersEveryCall() override { return false; }
 
     Bytes Register(const std::string& place, const std::string& name) override
     {
@@ -171,6 +201,14 @@ public:
 
     void ClearCalls(const std::string& place) override { Set(place, "trace", "clear"); }
 
+    void KeepNoCalls() override
+    {
+        for (const char* place : kHolders) {
+            Set(place, "trace", "off");
+        }
+        Set("rtctrl", "trace", "off");
+    }
+
     uint32_t State(const std::string& place, const std::string& key) override
     {
         return static_cast<uint32_t>(std::stoul(board::State(place, key), nullptr, 0));
@@ -224,6 +262,12 @@ public:
     size_t LiveBlocks() override { return 0; }
 
 private:
+    std::shared_ptr<board::Fd> MediaOf(const std::string& place)
+    {
+        const std::lock_guard<std::mutex> lock(lock_);
+        return media_.at(place);
+    }
+
     // What a run before has left, or this one.
     void TidyUp()
     {
@@ -290,6 +334,8 @@ private:
         return call;
     }
 
+    std::mutex lock_;
+    std::map<std::string, std::shared_ptr<board::Fd>> media_;
     std::set<std::string> used_;
     std::set<std::string> nodes_;
     std::vector<std::unique_ptr<void, void (*)(void*)>> kept_;

@@ -4,6 +4,7 @@
 #ifndef CARDDEV_TESTS_BOARD_DRIVER_NODES_H
 #define CARDDEV_TESTS_BOARD_DRIVER_NODES_H
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -179,7 +180,7 @@ inline Bytes Pattern(size_t sectors, unsigned seed)
 
 inline std::string ImageFile(const Bytes& bytes)
 {
-    static int number = 0;
+    static std::atomic<int> number = 0;
     const std::string path =
         "/tmp/driver_test." + std::to_string(getpid()) + "." + std::to_string(number++);
     const Fd fd(path, O_CREAT | O_TRUNC | O_WRONLY);

@@ -42,18 +42,20 @@ struct BenchFault {
     uint64_t first = 1;
     uint64_t times = 1;
 
-    int error = 0;                       // what the call fails with
-    std::optional<int> result = {};      // what a request answers
-    bool reach = false;                  // with these: do the work all the same
-    std::optional<short> events = {};    // what a poll tells
-    bool never = false;                  // the end of this transfer is not told
-    bool eject = false;                  // the card leaves, after the call's work
-    bool protect = false;                // ... or is protected from then on
-    std::optional<Bytes> exchange = {};  // ... or another one is in its place
+    int error = 0;                         // what the call fails with
+    std::optional<int> result = {};        // what a request answers
+    bool reach = false;                    // with these: do the work all the same
+    std::optional<short> events = {};      // what a poll tells
+    std::optional<uint32_t> at_most = {};  // Read, Write: bytes that get through
+    bool never = false;                    // the end of this transfer is not told
+    bool eject = false;                    // the card leaves, after the call's work
+    bool protect = false;                  // ... or is protected from then on
+    std::optional<Bytes> exchange = {};    // ... or another one is in its place
 };
 
 // A place is one that can hold a card: "zel0" to "zel5", "mivo0", "mivo1", "ricoh".
-// Faults, calls and state has "rtctrl", too.
+// Faults, calls and state has "rtctrl", too. Different places may be used by different
+// threads at once.
 class Bench {
 public:
     // Empty places that behave.
@@ -70,11 +72,24 @@ public:
     virtual void Protect(const std::string& place, bool is_protected) = 0;
     // The sectors of the card that is in, past every cache.
     virtual Bytes OnCard(const std::string& place, uint32_t first, uint32_t sectors) = 0;
+    // The same of the card that left last.
+    virtual Bytes OnPulledCard(const std::string& place, uint32_t first, uint32_t sectors) = 0;
+    // Whether plain transfers go by way of the kernel's memory: it may give what was written there
+    // when the card has gone.
+    virtual bool CachesPlain(const std::string& place) = 0;
+    // Whether what a plain write was told to be done may still be on its way to the card.
+    virtual bool WritesLate(const std::string& place) = 0;
+    // It is on the card then, and what is read next comes from there.
+    virtual void ForgetCaches(const std::string& place) = 0;
+    virtual bool HasCard(const std::string& place) = 0;
     // "cid", "csd", "scr", "sd_status"
     virtual Bytes Register(const std::string& place, const std::string& name) = 0;
     virtual void SetRegister(const std::string& place, const std::string& name,
                              const Bytes& bytes) = 0;
 
+    // Whether polls and plain transfers can be given any answer, too, and be cut short. A real
+    // kernel answers these itself.
+    virtual bool AnswersEveryCall() = 0;
     // How long transfers take. Without effect where nothing takes time.
     virtual void Latency(const std::string& place, std::chrono::microseconds latency) = 0;
     virtual void Inject(const std::string& place, const BenchFault& fault) = 0;
@@ -83,6 +98,8 @@ public:
     // The calls since the last ClearCalls, oldest first.
     virtual std::vector<BenchCall> Calls(const std::string& place) = 0;
     virtual void ClearCalls(const std::string& place) = 0;
+    // From now on no calls are kept: for programs that run for long.
+    virtual void KeepNoCalls() = 0;
 
     // What the driver knows: "resets", "last_command", "command_word"; of Zel slots
     // "version", "data_start"; of Mivo units "mounted"; of the control node "rt_status",
