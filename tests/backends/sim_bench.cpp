@@ -6,6 +6,8 @@
 #include <mutex>
 #include <stdexcept>
 
+#include <sched.h>
+
 #include "sim/mivo_driver.h"
 #include "sim/ricoh_driver.h"
 #include "sim/zel_driver.h"
@@ -56,7 +58,13 @@ std::shared_ptr<cardsim::Card> CardWith(const Bytes& sectors)
 
 class SimBench : public Bench {
 public:
-    SimBench() { kernel_.FillBlocksWith(0xA5); }
+    SimBench()
+    {
+        kernel_.FillBlocksWith(0xA5);
+        // Other threads get their chance to do harm before a driver looks at what it was given.
+        slots_->during_transfer = [](unsigned) { sched_yield(); };
+        units_->during_transfer = [](unsigned) { sched_yield(); };
+    }
 
     void Insert(const std::string& place, const Bytes& sectors) override
     {

@@ -399,7 +399,7 @@ int Soak(FILE* out, const Arguments& arguments)
         fprintf(out, "soak: FAILED: %s\n", wrong.c_str());
         return 1;
     }
-    fprintf(out, "soak: ok\n");
+    fprintf(out, "soak: 1 run ok\n");
     return 0;
 }
 

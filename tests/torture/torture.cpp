@@ -243,7 +243,7 @@ int TortureAll(Run& run, FILE* out, const char* program)
     }
     Report(out, run.counts);
     if (run.found.empty()) {
-        fprintf(out, "torture: ok\n");
+        fprintf(out, "torture: 1 run ok\n");
         return 0;
     }
     fprintf(out, "torture: FAILED, seed %u, unit %s, %s\n  again: %s\n", run.options.seed,
