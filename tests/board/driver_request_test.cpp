@@ -363,6 +363,29 @@ TEST_F(Requests, RegistersAndSectorsFromOutside)
     }
 }
 
+// What is on a card that was pulled out can still be seen by who had its file open.
+TEST_F(Requests, AnOpenMediaFileStaysWithItsCard)
+{
+    const Bytes first = Pattern(kSectors, 9);
+    const Bytes second = Pattern(kSectors, 10);
+    for (const char* place : {"zel0", "mivo0", "ricoh"}) {
+        ASSERT_EQ(0, Insert(place, first));
+        const Fd media(Control(place, "media"), O_RDWR);
+        Bytes seen(first.size());
+        ASSERT_EQ(0, Put(place, "eject", "1"));
+        EXPECT_EQ("errno " + std::to_string(ENOMEDIUM), Get(place, "media"));
+        EXPECT_EQ(static_cast<int>(seen.size()),
+                  Outcome(pread64(media.get(), seen.data(), seen.size(), 0)));
+        EXPECT_EQ(first, seen) << place;
+        ASSERT_EQ(0, Insert(place, second));
+        EXPECT_EQ(2, Outcome(pwrite64(media.get(), "xy", 2, 0)));
+        EXPECT_EQ(static_cast<int>(seen.size()),
+                  Outcome(pread64(media.get(), seen.data(), seen.size(), 0)));
+        EXPECT_EQ('x', seen[0]) << place;
+        EXPECT_EQ(second, OnCard(place, 0, kSectors)) << place;
+    }
+}
+
 TEST_F(Requests, CountsOpenFiles)
 {
     ASSERT_EQ(0, Insert("zel0", Pattern(kSectors, 9)));

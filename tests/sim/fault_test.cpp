@@ -108,6 +108,22 @@ TEST_F(FaultTest, CanBeTakenBack)
     EXPECT_EQ("..", Requests(2));
 }
 
+TEST_F(FaultTest, CanBeTakenBackForOneNode)
+{
+    Fault of_probe = Failing(CallKind::Ioctl, EIO);
+    of_probe.node = kProbe;
+    of_probe.times = Fault::kForEver;
+    kernel.Inject(of_probe);
+    Fault of_block = Failing(CallKind::Seek, EINTR);
+    of_block.node = kBlock;
+    kernel.Inject(of_block);
+    kernel.ClearFaults(kBlock);
+    EXPECT_EQ(0, lseek64(block, 0, SEEK_SET));
+    EXPECT_EQ("xx", Requests(2));
+    kernel.ClearFaults(kProbe);
+    EXPECT_EQ("..", Requests(2));
+}
+
 TEST_F(FaultTest, ChoosesByKindNodeAndRequest)
 {
     kernel.Inject(Failing(CallKind::Seek, EIO));
