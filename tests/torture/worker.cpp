@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <initializer_list>
 
+#include <time.h>
+
 namespace {
 
 constexpr uint32_t kLongest = 160;         // sectors of a transfer
@@ -355,6 +357,10 @@ Worker::Answer Worker::AnswerOf(int32_t result, uint32_t success)
         return Answer::Refused;
     }
     Check(result == -EIO, "an odd result");
+    // A unit that gives up does not reset its driver, and one that has answered with an error may
+    // be at work all the same: the memory is its own until then.
+    constexpr timespec kLatest = {0, 1000000};
+    nanosleep(&kLatest, nullptr);
     // Nobody has noticed an eject since the unit was opened: so a transfer has given up.
     if (unit_.Noticed() == unit_.noticed_at_open) {
         unit_.latched = true;
