@@ -160,10 +160,10 @@ std::string UnitNames(const Options& options)
 }
 
 // How this run is repeated.
-std::string Command(const char* program, const Options& options, const std::string& units)
+std::string Command(const std::string& program, const Options& options, const std::string& units)
 {
-    std::string command = std::string(program) + " --seed " + std::to_string(options.seed) +
-                          " --units " + units + " --threads " + std::to_string(options.threads);
+    std::string command = program + " --seed " + std::to_string(options.seed) + " --units " +
+                          units + " --threads " + std::to_string(options.threads);
     return options.seconds != 0 ? command + " --seconds " + std::to_string(options.seconds)
                                 : command + " --operations " + std::to_string(options.operations);
 }
@@ -221,26 +221,34 @@ void CheckLeftBehind(Run& run, Bench& bench)
     }
 }
 
-int TortureAll(Run& run, FILE* out, const char* program)
+void WorkUnderWatch(Run& run, Bench& bench)
+{
+    bench.KeepNoCalls();
+    // DevDrctWriteArray counts on it.
+    for (size_t pieces = 1; pieces <= MEMORY_ARRAY_PIECES; pieces++) {
+        bench.ZeroFreshBlocks(4 + 8 * pieces);
+    }
+    try {
+        WorkOnAll(run, bench);
+        CheckLeftBehind(run, bench);
+    } catch (const std::exception& error) {
+        run.Found("all", error.what());
+    }
+    CheckCoverage(run);
+}
+
+int TortureAll(Run& run, FILE* out, const char* path)
 {
     const std::string names = UnitNames(run.options);
+    const std::unique_ptr<Bench> bench = Bench::Create();
+    // On the board programs run from a folder that is gone with it.
+    const char* const name = strrchr(path, '/');
+    const std::string program = bench->AnswersEveryCall() || name == nullptr
+                                    ? std::string(path)
+                                    : std::string("tests/torture/on-board ") + (name + 1);
     fprintf(out, "torture: %s\n", Command(program, run.options, names).c_str());
     fflush(out);
-    {
-        const std::unique_ptr<Bench> bench = Bench::Create();
-        bench->KeepNoCalls();
-        // DevDrctWriteArray counts on it.
-        for (size_t pieces = 1; pieces <= MEMORY_ARRAY_PIECES; pieces++) {
-            bench->ZeroFreshBlocks(4 + 8 * pieces);
-        }
-        try {
-            WorkOnAll(run, *bench);
-            CheckLeftBehind(run, *bench);
-        } catch (const std::exception& error) {
-            run.Found("all", error.what());
-        }
-        CheckCoverage(run);
-    }
+    WorkUnderWatch(run, *bench);
     Report(out, run.counts);
     if (run.found.empty()) {
         fprintf(out, "torture: 1 run ok\n");
