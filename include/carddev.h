@@ -351,7 +351,9 @@ int32_t CARD_GetR1Status(DrvInfo* handle);
 
 /**
  * CID and CSD registers. Asked of the driver once per DevInit and answered from
- * a copy from then on: a card exchanged while open is not seen here.
+ * a copy from then on: a card exchanged while open is not seen here. Two threads
+ * that ask a unit for the first time at once lose the memory of one copy, here and at
+ * CARD_GetSpeedInfo and CARD_SecureGetinfo.
  *
  * Placement of the CID: the Mivo and Ricoh SD back-ends fill cid[0..15]. The Zel
  * back-end leaves cid[0] zero and puts the register's first 15 bytes into
@@ -439,6 +441,9 @@ int32_t DevIoctl(DrvInfo* handle, uint32_t request, void* argument);
  * busy answers, with 0.4 s after each, and two other failures: 12 tries, 51.6 s at
  * worst. The Mivo back-end bears two failures, and none once the device has gone
  * (ENODEV): 3 tries, 12 s. What is retried, and the end, is printed.
+ *
+ * A driver that has answered with an error may go on all the same: after -5 leave the
+ * memory of the transfer alone until DevExit.
  *
  * A transfer that gives up marks the unit as failed, reads included: until DevExit
  * and DevInit, DevDrctWrite, DevFatWrite and DevSdCmdWrite (Mivo: DevDrctRMW, too)
