@@ -137,6 +137,44 @@ std::string Fill(const std::string& text, const Parameters& own, const Parameter
     return filled;
 }
 
+// The call, with `next` behind its last word.
+ExpectedCall CallOf(const std::vector<std::string>& words, size_t* next)
+{
+    static const std::map<std::string, CallKind> kKinds = {
+        {"stat", CallKind::Stat},     {"open", CallKind::Open}, {"close", CallKind::Close},
+        {"seek", CallKind::Seek},     {"read", CallKind::Read}, {"write", CallKind::Write},
+        {"ioctl", CallKind::Ioctl},   {"poll", CallKind::Poll}, {"sleep", CallKind::Sleep},
+        {"malloc", CallKind::Malloc}, {"free", CallKind::Free}};
+    ExpectedCall call = {};
+    call.kind = kKinds.at(words[0]);
+    const bool has_node = call.kind != CallKind::Sleep && call.kind != CallKind::Malloc &&
+                          call.kind != CallKind::Free;
+    if (has_node) {
+        call.node = words.at((*next)++);
+    }
+    switch (call.kind) {
+        case CallKind::Open:
+            call.flags = FlagsOf(words.at((*next)++));
+            break;
+        case CallKind::Ioctl:
+            call.request = static_cast<uint32_t>(Number(words.at((*next)++)));
+            break;
+        case CallKind::Poll:
+            call.flags = POLLIN | POLLOUT | POLLERR | POLLHUP;
+            [[fallthrough]];
+        case CallKind::Seek:
+        case CallKind::Read:
+        case CallKind::Write:
+        case CallKind::Sleep:
+        case CallKind::Malloc:
+            call.amount = static_cast<uint64_t>(Number(words.at((*next)++)));
+            break;
+        default:
+            break;
+    }
+    return call;
+}
+
 }  // namespace
 
 // --- reading ---------------------------------------------------------------------
@@ -210,69 +248,35 @@ void Rules::Parse(const Table& table, size_t number, const Parameters& parameter
 
 Rules::Step Rules::ParseCall(const std::string& text)
 {
-    static const std::map<std::string, CallKind> kKinds = {
-        {"stat", CallKind::Stat},     {"open", CallKind::Open}, {"close", CallKind::Close},
-        {"seek", CallKind::Seek},     {"read", CallKind::Read}, {"write", CallKind::Write},
-        {"ioctl", CallKind::Ioctl},   {"poll", CallKind::Poll}, {"sleep", CallKind::Sleep},
-        {"malloc", CallKind::Malloc}, {"free", CallKind::Free}};
     Step step;
     const std::vector<std::string> words = WordsOf(text);
     if (words.empty()) {
         return step;
     }
-    ExpectedCall call = {};
-    call.kind = kKinds.at(words[0]);
     size_t next = 1;
-    switch (call.kind) {
-        case CallKind::Stat:
-        case CallKind::Close:
-            call.node = words.at(next++);
-            break;
-        case CallKind::Open:
-            call.node = words.at(next++);
-            call.flags = FlagsOf(words.at(next++));
-            break;
-        case CallKind::Ioctl:
-            call.node = words.at(next++);
-            call.request = static_cast<uint32_t>(Number(words.at(next++)));
-            break;
-        case CallKind::Poll:
-            call.flags = POLLIN | POLLOUT | POLLERR | POLLHUP;
-            [[fallthrough]];
-        case CallKind::Seek:
-        case CallKind::Read:
-        case CallKind::Write:
-            call.node = words.at(next++);
-            [[fallthrough]];
-        case CallKind::Sleep:
-        case CallKind::Malloc:
-            call.amount = static_cast<uint64_t>(Number(words.at(next++)));
-            break;
-        case CallKind::Free:
-            break;
-    }
-    if (call.kind == CallKind::Seek || call.kind == CallKind::Read ||
-        call.kind == CallKind::Write) {
-        step.usual = static_cast<int64_t>(call.amount);
-    }
+    const ExpectedCall call = CallOf(words, &next);
+    const bool counts =
+        call.kind == CallKind::Seek || call.kind == CallKind::Read || call.kind == CallKind::Write;
+    step.usual = counts ? static_cast<int64_t>(call.amount) : 0;
+    step.call = call;
     for (; next < words.size(); next++) {
         const std::string& word = words[next];
         if (word == "transfer") {
-            call.transfer = true;
+            step.call->transfer = true;
         } else if (word == "told") {
             step.told = true;
         } else if (word == "reset") {
             step.reset = true;
+        } else if (word.starts_with("usual=-E")) {
+            step.usual = -ErrnoOf(word.substr(7));
         } else if (word.starts_with("usual=")) {
-            const std::string value = word.substr(6);
-            step.usual = value.starts_with("-E") ? -ErrnoOf(value.substr(1)) : Number(value);
+            step.usual = Number(word.substr(6));
         } else if (word.starts_with("gone=")) {
             step.gone = ErrnoOf(word.substr(5));
         } else {
             throw std::logic_error("unknown word '" + word + "' in: " + text);
         }
     }
-    step.call = call;
     return step;
 }
 
@@ -342,6 +346,9 @@ struct Rules::Machine {
     const Planted* Due(const ExpectedCall& call);
     void Make(const Step& step);
     int64_t Usual(const Step& step);
+    void Balance(const ExpectedCall& call);
+    const Rule& Choose(const Step& step) const;
+    void End(const std::string& how);
     bool Holds(const Condition& condition) const;
     void Do(const Effect& effect);
     void Say(const std::string& text);
@@ -420,6 +427,17 @@ void Rules::Machine::Make(const Step& step)
     }
     call.locked = locked;
     answer = call.result;
+    Balance(call);
+    if (odd != nullptr && odd->card != CardMove::Stays) {
+        variables[kCard] = odd->card == CardMove::Leaves ? 0 : 1;
+        variables[kChanged] = 1;
+    }
+    expected.calls.push_back(std::move(call));
+}
+
+// Descriptors and blocks. A file that is closed is closed, whatever is answered.
+void Rules::Machine::Balance(const ExpectedCall& call)
+{
     const bool took = reached && call.error == 0;
     switch (call.kind) {
         case CallKind::Open:
@@ -437,11 +455,6 @@ void Rules::Machine::Make(const Step& step)
         default:
             break;
     }
-    if (odd != nullptr && odd->card != CardMove::Stays) {
-        variables[kCard] = odd->card == CardMove::Leaves ? 0 : 1;
-        variables[kChanged] = 1;
-    }
-    expected.calls.push_back(std::move(call));
 }
 
 bool Rules::Machine::Holds(const Condition& condition) const
@@ -549,67 +562,75 @@ void Rules::Machine::Say(const std::string& text)
     expected.printed += filled;
 }
 
+// The first rule that fits what happened.
+const Rules::Rule& Rules::Machine::Choose(const Step& step) const
+{
+    for (const Rule& rule : step.rules) {
+        bool holds = true;
+        for (const Condition& condition : rule.when) {
+            holds = holds && Holds(condition);
+        }
+        if (holds) {
+            return rule;
+        }
+    }
+    throw std::logic_error("no rule for what happened at " + step.name);
+}
+
+// "undefined" or "return X"
+void Rules::Machine::End(const std::string& how)
+{
+    if (locked) {
+        throw std::logic_error("a table ends with the lock held: " + how);
+    }
+    expected.any_outcome = how == "undefined";
+    expected.any_result = how == "return unknown";
+    expected.result = expected.any_outcome ? 0 : Value(how.substr(7));
+    expected.error = error;
+}
+
 Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) const
 {
     Machine machine{.plan = plan, .names = variables_, .error = error_before};
     machine.variables.resize(variables_.size());
+    machine.like.resize(plan.size());
     for (const auto& [name, value] : *state) {
-        const auto found = variables_.find(name);
-        if (found != variables_.end()) {
-            machine.variables[found->second] = value;
+        const auto own = variables_.find(name);
+        if (own != variables_.end()) {
+            machine.variables[own->second] = value;
         }
     }
-    machine.like.resize(plan.size());
     size_t table = 0;
     const Step* at = first_.at(0);
-    for (int count = 0; count < kMostSteps; count++) {
-        const Step& step = *at;
+    for (int count = 0; at != nullptr; count++) {
+        if (count == kMostSteps) {
+            throw std::logic_error("the tables have no end at " + at->name);
+        }
         machine.answer = 0;
-        if (step.call) {
-            machine.Make(step);
+        if (at->call) {
+            machine.Make(*at);
         }
-        const Rule* found = nullptr;
-        for (const Rule& rule : step.rules) {
-            bool holds = true;
-            for (const Condition& condition : rule.when) {
-                holds = holds && machine.Holds(condition);
-            }
-            if (holds) {
-                found = &rule;
-                break;
-            }
-        }
-        if (found == nullptr) {
-            throw std::logic_error("no rule for what happened at " + step.name);
-        }
-        machine.Say(found->says);
-        for (const Effect& effect : found->effects) {
+        const Rule& rule = machine.Choose(*at);
+        machine.Say(rule.says);
+        for (const Effect& effect : rule.effects) {
             machine.Do(effect);
         }
-        if (found->step != nullptr) {
-            at = found->step;
-        } else if (found->next == "end") {
+        if (rule.next == "end") {
             at = first_.at(++table);
-        } else if (found->next == "last") {
+        } else if (rule.next == "last") {
             at = first_.back();
         } else {
-            machine.expected.any_outcome = found->next == "undefined";
-            machine.expected.any_result = found->next == "return unknown";
-            if (!machine.expected.any_outcome) {
-                machine.expected.result = machine.Value(found->next.substr(7));
-            }
-            machine.expected.error = machine.error;
-            if (machine.locked) {
-                throw std::logic_error("the table returns with the lock held at " + step.name);
-            }
-            for (auto& [name, value] : *state) {
-                const auto own = variables_.find(name);
-                value = own != variables_.end() ? machine.variables[own->second] : value;
-            }
-            return std::move(machine.expected);
+            at = rule.step;
+        }
+        if (at == nullptr) {
+            machine.End(rule.next);
         }
     }
-    throw std::logic_error("the table has no end at " + at->name);
+    for (auto& [name, value] : *state) {
+        const auto own = variables_.find(name);
+        value = own != variables_.end() ? machine.variables[own->second] : value;
+    }
+    return std::move(machine.expected);
 }
 
 }  // namespace faults
