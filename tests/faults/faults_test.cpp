@@ -33,6 +33,7 @@ constexpr int kErrors[] = {0, EBUSY, ENODEV};
 constexpr int kErrorOfPairs = EXFULL;
 
 constexpr int kMostComplaints = 5;
+constexpr uint64_t kMostTries = 13;  // one more than any operation makes
 
 struct Counts {
     uint64_t operations = 0;
@@ -76,6 +77,16 @@ std::vector<Planted> Both(const std::vector<ExpectedCall>& calls, size_t at, con
     return both;
 }
 
+// The next call that a mark covers after so many of them, or the end.
+size_t AfterMany(const std::vector<ExpectedCall>& calls, const Mark& mark, uint64_t many)
+{
+    size_t at = 0;
+    while (at < calls.size() && !(mark.Covers(calls[at]) && many-- == 0)) {
+        at++;
+    }
+    return at;
+}
+
 // From there on nothing works any more, but for closing.
 Plan DeadFrom(const std::vector<ExpectedCall>& calls, size_t at, const Oddity& oddity)
 {
@@ -115,6 +126,7 @@ public:
         }
         const std::vector<ExpectedCall> calls = WithoutFrees(Try({}, kErrorOfPairs));
         for (size_t at = 0; at < calls.size(); at++) {
+            Limits(calls, at, counts);
             for (const Oddity& oddity : WithCardMoves(SomeOf(calls[at]))) {
                 for (const Planted& first : Both(calls, at, oddity)) {
                     Pairs(first, counts);
@@ -136,6 +148,35 @@ private:
             const Oddity oddity = {.name = strerrorname_np(death), .error = death};
             Try(DeadFrom(calls, at, oddity), error);
             counts->singles++;
+        }
+    }
+
+    // How much of it is borne: busy answers and other failures, in a row and one kind after the
+    // other, for as long as there is a next try.
+    void Limits(const std::vector<ExpectedCall>& calls, size_t at, Counts* counts)
+    {
+        constexpr Oddity kBusy = {.name = "EBUSY", .error = EBUSY};
+        constexpr Oddity kOther = {.name = "EIO", .error = EIO};
+        const cardsim::CallKind kind = calls[at].kind;
+        if (kind != cardsim::CallKind::Ioctl && kind != cardsim::CallKind::Poll) {
+            return;
+        }
+        for (const bool busy_first : {true, false}) {
+            Planted first = At(calls, at, busy_first ? kBusy : kOther, false);
+            for (first.times = 1; first.times <= kMostTries; first.times++) {
+                const std::vector<ExpectedCall> tries = WithoutFrees(Try({first}, kErrorOfPairs));
+                counts->singles++;
+                const size_t next = AfterMany(tries, first.mark, first.nth + first.times - 1);
+                if (next == tries.size()) {
+                    break;
+                }
+                for (const unsigned times : {1u, 2u, 3u, 9u, 10u}) {
+                    Planted second = At(tries, next, busy_first ? kOther : kBusy, false);
+                    second.times = times;
+                    Try({first, second}, kErrorOfPairs);
+                    counts->pairs++;
+                }
+            }
         }
     }
 

@@ -99,10 +99,14 @@ std::string NameOf(const Plan& plan)
         call.kind = fault.mark.kind;
         call.node = fault.mark.node;
         call.request = fault.mark.request;
-        name += "call " + std::to_string(fault.at) + ", " + cardsim::Describe(call) +
-                (fault.times > 1 ? " and on: " : ": ") + fault.oddity.name + "; ";
+        const std::string how_often = fault.times == cardsim::Fault::kForEver ? " and on"
+                                      : fault.times > 1
+                                          ? ", " + std::to_string(fault.times) + " times"
+                                          : "";
+        name += "call " + std::to_string(fault.at) + ", " + cardsim::Describe(call) + how_often +
+                ": " + fault.oddity.name + "; ";
     }
-    return name.empty() ? "no fault" : name;
+    return name.empty() ? "no fault; " : name;
 }
 
 Stand::Stand(const Operation& operation, const std::vector<Operation>& others)
