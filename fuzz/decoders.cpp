@@ -39,7 +39,8 @@ uint64_t BitsOf(const std::vector<uint8_t>& bytes, unsigned high, unsigned low)
 {
     uint64_t value = 0;
     for (unsigned bit = low; bit <= high; bit++) {
-        const uint64_t is_set = bytes[bytes.size() - 1 - bit / 8] >> bit % 8 & 1u;
+        const uint32_t byte = bytes[bytes.size() - 1 - bit / 8];
+        const uint64_t is_set = byte >> bit % 8 & 1u;
         value |= is_set << (bit - low);
     }
     return value;
