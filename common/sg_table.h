@@ -64,17 +64,18 @@ __attribute__((always_inline)) inline void SgMarkEnd(SgEntry* end)
 __attribute__((always_inline)) inline SgEntry* SgFill(SgEntry* table, const MemoryChunk* chunk,
                                                       int32_t count)
 {
+    if (count <= 0) {
+        SgMarkEnd(table);
+        return table;
+    }
     // No memory holds more chunks than this. Of a list that says so the table overflows, and
     // its end is not to lie in the midst of it because the count wrapped.
     constexpr int32_t most = INT32_MAX / static_cast<int32_t>(sizeof(MemoryChunk));
     const MemoryChunk* const last = chunk + (count < most ? count : most) - 1;
-    for (;; chunk++) {
-        if (count <= 0 || (chunk == last && chunk->len == 0)) {
+    for (; chunk->len == 0; chunk++) {
+        if (chunk == last) {
             SgMarkEnd(table);
             return table;
-        }
-        if (chunk->len != 0) {
-            break;
         }
     }
     SgEntry* entry = table;
