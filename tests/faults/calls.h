@@ -56,6 +56,12 @@ inline int64_t DirectReadNothing(Subject& on)
     return DevDrctRead(&on.handle, kSector, 0, pieces.list());
 }
 
+inline int64_t DirectWriteNothing(Subject& on)
+{
+    Pieces pieces = {};
+    return DevDrctWrite(&on.handle, kSector, 0, pieces.list(), 1, &on.retried);
+}
+
 inline int64_t DirectReadNowhere(Subject& on)
 {
     return DevDrctRead(&on.handle, kSector, kMoved, nullptr);

@@ -367,6 +367,8 @@ std::vector<Form> Misuses()
 {
     const Parameters read = Direct("Mivo_DrctRead", "MIVOSDIF_IOC_DIRECT_READ", "0xC010D324", "0");
     const Parameters write = {{"F", "Mivo_DrctWrite"}};
+    Parameters empty_write = Write("0x8010D325");
+    empty_write["GOOD"] = "0";
     const Parameters rmw =
         WithElements(Direct("Mivo_DrctRMW", "MIVOSDIF_IOC_DIRECT_RMW", "0x800CD326", "0"));
     const Parameters fat =
@@ -383,6 +385,7 @@ std::vector<Form> Misuses()
     const Table nothing = {kNothing, {}};
     return {
         {"DrctRead of nothing", {check, gone, direct}, read, DirectReadNothing},
+        {"DrctWrite of nothing", {bar, check, gone, direct}, empty_write, DirectWriteNothing},
         {"DrctRead nowhere", {check, gone, no_list}, read, DirectReadNowhere},
         {"DrctWrite from nowhere", {bar, check, gone, no_list}, write, DirectWriteFromNowhere},
         {"DrctRead too long", {check, gone, long_list}, read, DirectReadTooLong},

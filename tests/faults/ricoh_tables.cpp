@@ -56,6 +56,7 @@ stat   |                       |                    | |                         
 
 // A protected card is opened for reading, once.
 constexpr char kInit[] = R"(
+begin  |                       |                    | | read_only=0             | open
 open   | open $B rdwr+sync gone=ENOMEDIUM $MORE | >=0              | |                         | opened
 open   |                       | EROFS              | | read_only=1             | retry
 open   |                       |                    | |                         | failed
@@ -72,7 +73,7 @@ secure | free                  |                    | |                         
 more   |                       | reg=1              | |                         | reg
 more   |                       |                    | |                         | close
 reg    | free                  |                    | |                         | close
-close  | close $B              |                    | | secure=0; reg=0         | return 0
+close  | close $B              |                    | | secure=0; reg=0; read_only=0 | return 0
 )";
 
 // What is not offered is refused without a call.

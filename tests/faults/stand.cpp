@@ -295,6 +295,7 @@ Variables Stand::StateBefore() const
             {"speed", open && setup.asked && op_.site != Site::Ricoh ? 1 : 0},
             {"has_cid", known ? 1 : 0},
             {"has_csd", known ? 2 : 0},
+            {"read_only", open && setup.protect && op_.site == Site::Ricoh ? 1 : 0},
             {"has_status", known ? 1 : 0},
             {"has_speed", open && setup.asked ? 1 : 0},
             {"mounted", mounted ? 1 : 0},
@@ -477,6 +478,8 @@ void Stand::CompareState(const Variables& state)
                    state.at("speed") == (mivo_dev[kMivoUnit].speed_buf != nullptr),
                "a copy is there that should not, or the other way round");
     } else {
+        Expect(state.at("read_only") == ricoh_sd_dev[0].read_only,
+               "the device counts as read-only, or not");
         Expect(state.at("reg") == (ricoh_sd_dev[0].reg_buf != nullptr) &&
                    state.at("secure") == (ricoh_sd_dev[0].secure_buf != nullptr),
                "a copy is there that should not, or the other way round");

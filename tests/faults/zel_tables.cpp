@@ -441,6 +441,8 @@ std::vector<Form> Misuses()
 {
     const Parameters read = Direct("Zel_DrctRead", "ZEL_DIRECT_READ", "0x2000700D", "0");
     const Parameters write = {{"F", "Zel_DrctWrite"}};
+    Parameters empty_write = Write("0x2000700C");
+    empty_write["GOOD"] = "0";
     const Parameters rmw = WithElements(Direct("Zel_DrctRMW", "ZEL_DIRECT_RMW", "0x2000702A", "0"));
     const Parameters fat =
         WithElements(Direct("Zel_FatWrite", "ZEL_FSMI_WRITE", "0x2000701D", "0"));
@@ -454,6 +456,7 @@ std::vector<Form> Misuses()
     const Table nothing = {kNothing, {}};
     return {
         {"DrctRead of nothing", {check, direct}, read, DirectReadNothing},
+        {"DrctWrite of nothing", {bar, check, direct}, empty_write, DirectWriteNothing},
         {"DrctRead nowhere", {check, no_list}, read, DirectReadNowhere},
         {"DrctWrite from nowhere", {bar, check, no_list}, write, DirectWriteFromNowhere},
         {"DrctRead too long", {check, long_list}, read, DirectReadTooLong},
