@@ -45,8 +45,9 @@ Output::Output(const std::string& path)
     }
 }
 
+// Another constructor first: what fails in the body then closes the file.
 Output::Output(const std::string& path, uint64_t start)
-    : fd_(open64(path.c_str(), O_WRONLY | O_CLOEXEC)), name_(path)
+    : Output(open64(path.c_str(), O_WRONLY | O_CLOEXEC), path)
 {
     struct stat64 file = {};
     if (fd_ < 0 || fstat64(fd_, &file) != 0 ||
@@ -109,8 +110,8 @@ void Output::Close()
 }
 
 Input::Input(const std::string& path, uint64_t room)
-    : fd_(path == "-" ? STDIN_FILENO : open64(path.c_str(), O_RDONLY | O_CLOEXEC)),
-      name_(path == "-" ? "standard input" : path)
+    : Input(path == "-" ? STDIN_FILENO : open64(path.c_str(), O_RDONLY | O_CLOEXEC),
+            path == "-" ? "standard input" : path)
 {
     struct stat64 file = {};
     if (fd_ < 0 || fstat64(fd_, &file) != 0) {

@@ -31,6 +31,8 @@ public:
     void Close();
 
 private:
+    Output(int fd, const std::string& name) : fd_(fd), name_(name) {}
+
     int fd_;
     std::string name_;
     bool is_standard_ = false;
@@ -55,6 +57,7 @@ public:
     void Read(void* to, size_t length);
 
 private:
+    Input(int fd, const std::string& name) : fd_(fd), name_(name) {}
     void ReadAll(uint64_t room);
     size_t ReadSome(void* to, size_t length);
 
