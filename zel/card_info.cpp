@@ -18,7 +18,9 @@ namespace {
 // Where the speed record's five bytes stand in the driver's answer.
 constexpr int kSpeedBytes[] = {148, 152, 157, 158, 163};
 
-// False when the driver failed; `answer` then holds what it held before.
+// False when the driver failed; `answer` then holds what it held before, and the caller goes
+// on with bytes that nobody wrote. Checkers of memory are told so where the driver is played
+// (fuzz/driver_answers.cpp).
 bool FetchCardParams(const ZelDevice* dev, ZelCardItem item, uint8_t* answer)
 {
     ZelCardParamsRequest request = {item, Address32(answer)};
