@@ -314,18 +314,8 @@ class JsonTest(CardtoolTest):
         self.document("bench", DEVICE, sim=sim, code=INPUT_OUTPUT)
         self.assert_card_unchanged()
 
-    def test_watch(self):
-        watch = ["watch", "/dev/spda", "--interval", "1"]
+    def test_watch_refuses(self):
         sim = self.description({"driver": "zel", "unit": 0})
-        self.assertEqual(self.document(*watch, "--looks", "3", sim=sim)["result"],
-                         {"ready": True, "removed": False, "looks": 3})
-        eject = {"call": "ioctl", "node": "/dev/spdra", "first": 12, "eject": "/dev/spda"}
-        sim = self.description({"driver": "zel", "unit": 0}, [eject])
-        result = self.document(*watch, sim=sim)["result"]
-        self.assertTrue(result["ready"] and result["removed"])
-        self.assertGreater(result["looks"], 1)
-        self.assertEqual(self.succeed(self.on_card(*watch, sim=sim)),
-                         b"state: ready\nthe card was taken out or exchanged\n")
         self.document("watch", DEVICE, code=INPUT_OUTPUT)
         self.document("watch", "/dev/spda", "--interval", "60001", sim=sim, code=USAGE)
 
@@ -347,6 +337,121 @@ class JsonTest(CardtoolTest):
                          {"command": 3, "argument": 7})
         self.document("ioctl", "/dev/spda", "--command", "5", "--yes", sim=sim, code=USAGE)
         self.document("ioctl", DEVICE, "--command", "2", "--yes", code=INPUT_OUTPUT)
+
+
+class WatchTest(CardtoolTest):
+    """A card that leaves and comes back, on the back-ends that notice it."""
+
+    EJECT, INSERT = b"the card was taken out or exchanged\n", b"a card was put in\n"
+
+    def slot(self, *faults):
+        return self.description({"driver": "zel", "unit": 0}, faults)
+
+    def comings_and_goings(self):
+        """Out at the twelfth look of the driver, in again at the fourth try to open."""
+        return self.slot(
+            {"call": "ioctl", "node": "/dev/spdra", "first": 12, "eject": "/dev/spda"},
+            {"call": "open", "node": "/dev/spda", "first": 6, "errno": "ENOMEDIUM",
+             "insert": "/dev/spda"},
+            {"call": "ioctl", "node": "/dev/spdra", "first": 30, "eject": "/dev/spda"})
+
+    def watch(self, *arguments, node="/dev/spda", sim=None):
+        return self.on_card("watch", node, "--interval", "1", *arguments, sim=sim)
+
+    def stream(self, result):
+        """A valid document on each line; what they tell."""
+        documents = [json.loads(line) for line in result.stdout.decode("ascii").splitlines()]
+        for document in documents:
+            jsonschema.Draft202012Validator(SCHEMA).validate(document)
+            self.assertEqual(document["command"], "watch")
+        return documents
+
+    def test_shows_each_eject_and_each_insertion(self):
+        result = self.watch("--events", "3", sim=self.comings_and_goings())
+        self.assertEqual(result.returncode, OK, result.stderr)
+        self.assertEqual(result.stdout,
+                         b"state: ready\n" + self.EJECT + self.INSERT + self.EJECT)
+
+    def test_says_once_why_there_is_no_card(self):
+        # Opening failed several times, and the library's own lines are not repeated.
+        result = self.watch("--events", "2", sim=self.comings_and_goings())
+        lines = result.stderr.decode().splitlines()
+        self.assertEqual([line for line in lines if "No medium" in line],
+                         ["cardtool: still no card: cannot open /dev/spda: No medium found"])
+        self.assertEqual(len([line for line in lines if BANNER in line]), 1)
+
+    def test_says_it_again_when_the_reason_is_another(self):
+        result = self.watch("--looks", "20", sim=self.slot(
+            {"call": "ioctl", "node": "/dev/spdra", "first": 12, "eject": "/dev/spda"},
+            {"call": "stat", "first": 4, "times": 2, "errno": "ENOENT"}))
+        self.assertEqual(result.returncode, OK)
+        said = [line for line in result.stderr.decode().splitlines() if "still no card" in line]
+        self.assertEqual([line.rsplit(": ", 1)[1] for line in said],
+                         ["No medium found", "No such file or directory", "No medium found"])
+
+    def test_is_a_stream_for_programs(self):
+        result = self.watch("--json", "--events", "3", sim=self.comings_and_goings())
+        self.assertEqual(result.returncode, OK, result.stderr)
+        told = [document["result"] for document in self.stream(result)]
+        self.assertEqual([(one["event"], one["ready"], one["removed"]) for one in told],
+                         [("state", True, False), ("eject", False, True),
+                          ("insert", True, False), ("eject", False, True)])
+        looks = [one["looks"] for one in told]
+        self.assertEqual(looks[0], 1)
+        self.assertEqual(looks, sorted(set(looks)))
+
+    def test_ends_with_the_eject_when_it_is_told_so(self):
+        sim = self.comings_and_goings()
+        self.assertEqual(self.succeed(self.watch("--events", "1", sim=sim)),
+                         b"state: ready\n" + self.EJECT)
+
+    def test_ends_after_so_many_looks(self):
+        told = self.stream(self.watch("--json", "--looks", "3", sim=self.slot()))
+        self.assertEqual([document["result"] for document in told],
+                         [{"event": "state", "ready": True, "removed": False, "looks": 1}])
+
+    def test_an_exchange_is_both(self):
+        sim = self.slot(
+            {"call": "ioctl", "node": "/dev/spdra", "first": 12, "eject": "/dev/spda"},
+            {"call": "ioctl", "node": "/dev/spdra", "first": 13, "insert": "/dev/spda"})
+        self.assertEqual(self.succeed(self.watch("--events", "2", sim=sim)),
+                         b"state: ready\n" + self.EJECT + self.INSERT)
+
+    def test_begins_with_an_empty_slot(self):
+        sim = self.slot({"call": "stat", "eject": "/dev/spda"},
+                        {"call": "open", "node": "/dev/spda", "first": 3, "errno": "ENOMEDIUM",
+                         "insert": "/dev/spda"})
+        told = self.stream(self.watch("--json", "--events", "1", sim=sim))
+        self.assertEqual([document["result"]["event"] for document in told], ["state", "insert"])
+        self.assertTrue(told[0]["result"]["removed"])
+
+    def test_a_device_that_does_not_open_is_no_empty_slot(self):
+        sim = self.slot({"call": "open", "node": "/dev/spda", "errno": "EACCES"})
+        self.fail_with(PERMISSION, self.watch("--events", "1", sim=sim))
+
+    def test_a_failure_is_the_last_document(self):
+        result = self.watch("--json", "--looks", "1", node="/dev/spdb", sim=self.slot())
+        (told,) = self.stream(result)
+        self.assertEqual(told["error"]["name"], NAMES[NO_DEVICE])
+
+    def test_the_adaptor(self):
+        sim = self.description({"driver": "mivo", "unit": 1}, [
+            {"call": "ioctl", "node": "/dev/mivosdif1", "first": 6, "eject": "/dev/mivosdif1"},
+            {"call": "open", "node": "/dev/mivosdif1", "first": 4, "insert": "/dev/mivosdif1"}])
+        result = self.watch("--events", "2", node="/dev/mivosdif1", sim=sim)
+        self.assertEqual(result.stdout, b"state: ready\n" + self.EJECT + self.INSERT)
+        self.assertEqual(result.stderr.decode().count("still no card"), 1)
+
+    def test_an_interruption_ends_it_well(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            process = subprocess.Popen(
+                [*TOOL, "--sim", self.slot(), "--json", "watch", "/dev/spda"],
+                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, start_new_session=True)
+            # The state is there while the command goes on.
+            self.assertEqual(json.loads(process.stdout.readline())["result"]["event"], "state")
+            process.send_signal(number)
+            rest = process.communicate(timeout=TIMEOUT)[0]
+            self.assertEqual((process.returncode, rest), (OK, b""))
 
 
 class HelpTest(CardtoolTest):

@@ -41,7 +41,8 @@ void AddCommand(CLI::App& app, const CommandEntry& entry, Arguments& arguments)
     for (const Option& option : entry.options) {
         AddOption(*added, option, arguments);
     }
-    added->footer("Examples:\n" + ExampleText(entry) +
+    const std::string details = entry.details == nullptr ? "" : std::string(entry.details) + "\n";
+    added->footer(details + "Examples:\n" + ExampleText(entry) +
                   "cardtool --help has the options of every command, and the exit codes.");
     added->callback([&] { arguments.command = entry.command; });
 }

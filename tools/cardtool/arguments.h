@@ -48,11 +48,12 @@ struct Arguments {
     std::string csd;
     std::string scr;
     std::string sd_status;
-    std::optional<std::string> rt;  // Rt: "lock" or "unlock"; only look when not set
-    std::optional<uint32_t> looks;  // Watch: how many; to the eject when not set
-    uint32_t interval = 500;        // Watch: milliseconds between two
-    uint32_t number = 0;            // Ioctl: which command
-    uint32_t argument = 0;          // Ioctl: its argument
+    std::optional<std::string> rt;   // Rt: "lock" or "unlock"; only look when not set
+    std::optional<uint32_t> looks;   // Watch: how many; no end when not set
+    std::optional<uint32_t> events;  // Watch: how many ejects and insertions; the same
+    uint32_t interval = 500;         // Watch: milliseconds between two
+    uint32_t number = 0;             // Ioctl: which command
+    uint32_t argument = 0;           // Ioctl: its argument
 };
 
 // Whether --json is among them, for failures to understand the rest.

@@ -8,10 +8,10 @@
 
 #include "sim/config.h"
 #include "tools/cardtool/info.h"
-#include "tools/cardtool/interrupt.h"
 #include "tools/cardtool/moves.h"
 #include "tools/cardtool/text.h"
 #include "tools/cardtool/transfer.h"
+#include "tools/cardtool/watch.h"
 
 namespace {
 
@@ -32,44 +32,6 @@ void ShowStatus(Device& device, Report& report)
     const bool locked = device.IsWriteProtected();
     report.Say(Line("write protection", OnOff(locked)));
     report.result["write_protected"] = locked;
-}
-
-// The eject is what was waited for: no failure here.
-bool HasLeft(Device& device)
-{
-    try {
-        device.Status();
-        return false;
-    } catch (const Failure& failure) {
-        if (failure.code() != ExitCode::Removed) {
-            throw;
-        }
-        return true;
-    }
-}
-
-// The state first, then the eject when it happens. SIGINT ends it, as a look too many.
-void WatchCard(const Arguments& arguments, Device& device, Report& report)
-{
-    if (!device.NoticesEjects()) {
-        throw Failure(ExitCode::InputOutput,
-                      "cannot watch " + device.path() + ": its back-end notices no eject",
-                      "use a device of another back-end; the detect command names it");
-    }
-    const bool ready = (device.Status() & CARD_STATUS_READY) != 0;
-    report.Say(std::string("state: ") + (ready ? "ready" : "not ready") + "\n");
-    report.result = {{"ready", ready}, {"removed", false}, {"looks", 1}};
-    uint32_t looks = 1;
-    while ((!arguments.looks || looks < *arguments.looks) &&
-           WaitFor(-1, 0, static_cast<int>(arguments.interval))) {
-        looks++;
-        report.result["looks"] = looks;
-        if (HasLeft(device)) {
-            report.Say("the card was taken out or exchanged\n");
-            report.result["removed"] = true;
-            break;
-        }
-    }
 }
 
 void ShowWriteProtect(Device& device, Report& report)
@@ -212,6 +174,10 @@ void RunCommand(const Arguments& arguments, Report& report)
         ShowDetected(detected, report);
         return;
     }
+    if (arguments.command == Command::Watch) {
+        WatchCard(arguments, detected, report);
+        return;
+    }
     Device device(detected);
     switch (arguments.command) {
         case Command::Size:
@@ -236,9 +202,6 @@ void RunCommand(const Arguments& arguments, Report& report)
             break;
         case Command::Verify:
             VerifyCard(arguments, device, report);
-            break;
-        case Command::Watch:
-            WatchCard(arguments, device, report);
             break;
         case Command::Bench:
             BenchCard(arguments, device, report);

@@ -122,6 +122,11 @@ DrvInfo Detect(const std::string& path)
     return handle;
 }
 
+bool NoticesEjects(const DrvInfo& handle)
+{
+    return handle.dev_type != DEV_TYPE_RICOH_SD;
+}
+
 const char* BackEndName(const DrvInfo& handle)
 {
     return handle.dev_type == DEV_TYPE_ZEL    ? "Zel"
@@ -164,7 +169,7 @@ Device::~Device()
 void Device::Reopen()
 {
     // The back-end discards on closing what nobody has seen of an eject.
-    if (NoticesEjects()) {
+    if (NoticesEjects(handle_)) {
         Status();
     }
     DevExit(&handle_);

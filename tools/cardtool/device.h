@@ -15,6 +15,8 @@
 // A handle that names the device and its back-end. Opens nothing.
 DrvInfo Detect(const std::string& path);
 
+// Whether the back-end can tell that a card has left.
+bool NoticesEjects(const DrvInfo& handle);
 // "Ricoh SD"
 const char* BackEndName(const DrvInfo& handle);
 // "Ricoh SD, unit 0"
@@ -46,8 +48,6 @@ public:
     const DrvInfo& handle() const { return handle_; }
 
     uint32_t Sectors();
-    // Whether the back-end can tell that a card has left.
-    bool NoticesEjects() const { return type() != DEV_TYPE_RICOH_SD; }
     bool IsWriteProtected();
     uint16_t Status();
     CardInfo Info();

@@ -111,5 +111,6 @@ std::string ForTerminal(const std::string& text)
 
 Failure SystemFailure(const std::string& what, int error, const std::string& next)
 {
-    return {KindOf(error), what + ": " + std::strerror(error), next.empty() ? Advice(error) : next};
+    return {KindOf(error), what + ": " + std::strerror(error), next.empty() ? Advice(error) : next,
+            error};
 }

@@ -48,16 +48,19 @@ std::string ForTerminal(const std::string& text);
 // Thrown wherever a command cannot go on: what went wrong, and what to do next.
 class Failure : public std::runtime_error {
 public:
-    Failure(ExitCode code, const std::string& what, std::string next)
-        : std::runtime_error(what), code_(code), next_(std::move(next))
+    Failure(ExitCode code, const std::string& what, std::string next, int error = 0)
+        : std::runtime_error(what), code_(code), next_(std::move(next)), error_(error)
     {
     }
     ExitCode code() const { return code_; }
     const std::string& next() const { return next_; }
+    // The errno value it comes from; 0 where there is none.
+    int error() const { return error_; }
 
 private:
     ExitCode code_;
     std::string next_;
+    int error_;
 };
 
 // The failure for an errno value: "`what`: No such file or directory". `next`

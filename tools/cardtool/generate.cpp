@@ -79,6 +79,7 @@ std::string ManCommand(const CommandEntry& entry)
         text += " Op Ar options";
     }
     text += "\n" + Prose(entry.purpose) + ".\n";
+    text += entry.details == nullptr ? "" : Prose(entry.details);
     return entry.options.empty() ? text : text + ManOptions(entry.options);
 }
 

@@ -32,12 +32,28 @@ void Report::Say(const std::string& text)
     }
 }
 
+void Report::Event(const Arguments& arguments)
+{
+    if (json_) {
+        has_events_ = true;
+        WriteDocument(arguments, nullptr);
+        result = nullptr;
+    }
+}
+
 void Report::Finish(const Arguments& arguments, const Failure* failure)
 {
     if (!json_ || finished_) {
         return;
     }
     finished_ = true;
+    if (failure != nullptr || !has_events_) {
+        WriteDocument(arguments, failure);
+    }
+}
+
+void Report::WriteDocument(const Arguments& arguments, const Failure* failure)
+{
     Json document;
     document["format"] = 1;
     document["tool"] = "cardtool";
@@ -48,6 +64,8 @@ void Report::Finish(const Arguments& arguments, const Failure* failure)
     document["ok"] = failure == nullptr;
     document["error"] = failure == nullptr ? Json() : ErrorJson(*failure);
     document["result"] = result;
+    // A stream is read line by line, so that its failures stand on one line, too.
+    const int indent = arguments.command == Command::Watch ? -1 : 2;
     // Plain ASCII, whatever bytes a path has: nothing can reach a terminal raw.
-    results_.Write(document.dump(2, ' ', true, Json::error_handler_t::replace) + "\n");
+    results_.Write(document.dump(indent, ' ', true, Json::error_handler_t::replace) + "\n");
 }

@@ -22,13 +22,19 @@ public:
     // For programs, at the end. Null stays null until something is known.
     Json result = nullptr;
 
+    // A document of its own for what `result` holds, at once and on one line: for a command
+    // that goes on. It takes the place of the last document, but not of a failure's.
+    void Event(const Arguments& arguments);
     // The document, once; `failure` is null when all went well.
     void Finish(const Arguments& arguments, const Failure* failure);
 
 private:
+    void WriteDocument(const Arguments& arguments, const Failure* failure);
+
     Output& results_;
     bool json_;
     bool finished_ = false;
+    bool has_events_ = false;
 };
 
 #endif

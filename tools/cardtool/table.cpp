@@ -145,8 +145,12 @@ constexpr Option kVerifyOptions[] = {kFirst, kCount, kInput, kSkip, kDirect, kPr
 constexpr Option kBackupOptions[] = {kOutput, kFirst, kSeek, kDirect, kNoVerify, kProgress};
 constexpr Option kRestoreOptions[] = {kInput, kFirst, kSkip, kDirect, kYes, kNoVerify, kProgress};
 constexpr Option kWatchOptions[] = {
-    {"--looks", "NUMBER", "end after so many looks; only with the eject if not given", false,
+    {"--events", "NUMBER", "end after so many ejects and insertions; 1 ends with the eject", false,
      nullptr,
+     [](Arguments& arguments, const std::string& value) {
+         arguments.events = Number("--events", value);
+     }},
+    {"--looks", "NUMBER", "end after so many looks; without an end if not given", false, nullptr,
      [](Arguments& arguments, const std::string& value) {
          arguments.looks = Number("--looks", value);
      }},
@@ -160,7 +164,15 @@ constexpr Option kWatchOptions[] = {
      }},
 };
 constexpr Example kWatchExamples[] = {
-    {"cardtool watch /dev/spda", "Show the card's state, and wait until it is taken out."}};
+    {"cardtool watch /dev/spda", "Show each card that comes and goes, until interrupted."},
+    {"cardtool watch /dev/spda --events 1", "Wait until the card is taken out."}};
+constexpr char kWatchDetails[] =
+    "The state comes first, also of a slot without a card. Then each eject and each\n"
+    "insertion is shown when a look finds it: an exchange is both. SIGINT or SIGTERM ends\n"
+    "the command, with exit code 0. With --json each of these is a document of its own, on\n"
+    "one line, and a failure is the last one. After an eject the device is closed, and\n"
+    "opened again when that succeeds; why it does not is said once. The Ricoh SD host\n"
+    "notices no eject and cannot be watched: that ends the command with exit code 9.\n";
 constexpr Option kBenchOptions[] = {kFirst, kCount, kDirect};
 constexpr Example kBenchExamples[] = {
     {"cardtool bench /dev/spda --direct --count 65536",
@@ -251,8 +263,8 @@ const CommandEntry kCommands[] = {
      Operand::Device, kRestoreOptions, kRestoreExamples},
     {Command::Bench, "bench", "Measure how fast sectors of the card are read", Operand::Device,
      kBenchOptions, kBenchExamples},
-    {Command::Watch, "watch", "Show the card's state and wait for its eject", Operand::Device,
-     kWatchOptions, kWatchExamples},
+    {Command::Watch, "watch", "Show the card's state, and each eject and insertion",
+     Operand::Device, kWatchOptions, kWatchExamples, kWatchDetails},
     {Command::Rt, "rt", "Show or lock real time of the card slots", Operand::Device, kRtOptions,
      kRtExamples},
     {Command::Ioctl, "ioctl", "Send a card command through the driver, after a question",

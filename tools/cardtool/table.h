@@ -38,6 +38,7 @@ struct CommandEntry {
     Operand operand;
     std::span<const Option> options;
     std::span<const Example> examples;
+    const char* details = nullptr;  // sentences that the purpose has no room for
 };
 
 std::span<const CommandEntry> Commands();
