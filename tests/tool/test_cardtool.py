@@ -15,6 +15,7 @@ import select
 import shlex
 import shutil
 import signal
+import stat
 import subprocess
 import tempfile
 import time
@@ -174,6 +175,19 @@ class JsonTest(CardtoolTest):
             {"device": "/dev/spdc", "back_end": "Zel", "unit": 2},
             {"device": "/dev/mivosdif1", "back_end": "Mivo", "unit": 1}])
         self.assertEqual(self.succeed(self.on_card("list")), b"/dev/sdcarda: Ricoh SD, unit 0\n")
+
+    def test_list_of_this_machine(self):
+        """Whatever its /dev holds: no line about what is no card, and no node twice."""
+        result = self.run_tool("list")
+        self.succeed(result)
+        self.assertEqual(result.stderr, b"")
+        nodes = self.document("list", plain=True)["result"]["nodes"]
+        shown = [node["device"] for node in nodes]
+        self.assertEqual(len(shown), len(set(shown)))
+        for device in shown:
+            mode = os.stat(device).st_mode
+            self.assertTrue(stat.S_ISBLK(mode) or stat.S_ISCHR(mode), device)
+        self.assertEqual(self.on_card("list").stderr, b"")
 
     def test_info(self):
         sim = self.description({"cid": self.CID, "csd": self.CSD})

@@ -4,11 +4,10 @@
 #include <memory>
 #include <vector>
 
-#include <sys/stat.h>
-
 #include "sim/config.h"
 #include "tools/cardtool/info.h"
 #include "tools/cardtool/moves.h"
+#include "tools/cardtool/nodes.h"
 #include "tools/cardtool/text.h"
 #include "tools/cardtool/transfer.h"
 #include "tools/cardtool/watch.h"
@@ -84,31 +83,19 @@ void ShowDetected(const DrvInfo& detected, Report& report)
     report.result = {{"back_end", BackEndName(detected)}, {"unit", detected.dev_index}};
 }
 
-// Nodes have these names on every board; a simulated /dev cannot be listed.
-std::vector<std::string> UsualNodes()
+// A simulated /dev cannot be listed, and its cards have the usual names.
+void ListNodes(const Arguments& arguments, Report& report)
 {
-    std::vector<std::string> nodes = {"/dev/sdcarda"};
-    for (char unit = 'a'; unit <= 'f'; unit++) {
-        nodes.push_back(std::string("/dev/spd") + unit);
+    std::vector<std::string> paths = UsualNodes();
+    if (arguments.sim.empty()) {
+        const std::vector<std::string> others = NodesBelow("/dev");
+        paths.insert(paths.end(), others.begin(), others.end());
     }
-    nodes.emplace_back("/dev/mivosdif0");
-    nodes.emplace_back("/dev/mivosdif1");
-    return nodes;
-}
-
-void ListNodes(Report& report)
-{
     Json& nodes = (report.result = Json::object())["nodes"] = Json::array();
-    for (const std::string& path : UsualNodes()) {
-        struct stat64 node = {};
-        if (stat64(path.c_str(), &node) != 0 ||
-            (!S_ISBLK(node.st_mode) && !S_ISCHR(node.st_mode))) {
-            continue;
-        }
-        const DrvInfo detected = Detect(path);
-        report.Say(path + ": " + BackEndOf(detected) + "\n");
+    for (const DrvInfo& node : CardNodes(paths)) {
+        report.Say(ForTerminal(node.dev_path) + ": " + BackEndOf(node) + "\n");
         nodes.push_back(
-            {{"device", path}, {"back_end", BackEndName(detected)}, {"unit", detected.dev_index}});
+            {{"device", node.dev_path}, {"back_end", BackEndName(node)}, {"unit", node.dev_index}});
     }
     if (nodes.empty()) {
         report.Say("there are no nodes of card devices\n");
@@ -166,7 +153,7 @@ void RunCommand(const Arguments& arguments, Report& report)
     }
     const std::unique_ptr<cardsim::Kernel> simulation = Simulation(arguments.sim);
     if (arguments.command == Command::List) {
-        ListNodes(report);
+        ListNodes(arguments, report);
         return;
     }
     const DrvInfo detected = Detect(arguments.device);

@@ -185,6 +185,12 @@ constexpr Example kRestoreExamples[] = {
     {"cardtool restore /dev/sdcarda -i card.img",
      "Put the copy of a card on a card of the same size, and compare."}};
 
+constexpr char kListDetails[] =
+    "The usual names come first, then all other nodes in /dev and in its folders,\n"
+    "one level deep. A device with several nodes is named once. Nothing is opened:\n"
+    "the type and number of a node decide, so that a foreign device which has the\n"
+    "number of a card device is named as well. Of simulated cards only the usual\n"
+    "names are looked for: they have no others.\n";
 constexpr Example kListExamples[] = {{"cardtool list", "Which card nodes are there?"}};
 constexpr Example kDecodeExamples[] = {{"cardtool decode --cid 02544d534131364743001af44c0129e9",
                                         "What does this register say? No card is needed."}};
@@ -221,7 +227,8 @@ const CommandEntry kCommands[] = {
      "Name the nodes of card devices that there are",
      Operand::None,
      {},
-     kListExamples},
+     kListExamples,
+     kListDetails},
     {Command::Detect,
      "detect",
      "Say which back-end serves the device",
