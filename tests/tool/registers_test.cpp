@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tools/cardtool/fields.h"
+
 namespace {
 
 Register FromHex(const std::string& hex)
@@ -157,6 +159,47 @@ TEST(RegisterText, IsHexadecimal)
     EXPECT_EQ("000fa5ff", Hex(bytes, sizeof bytes));
     EXPECT_FALSE(IsEmpty(bytes, 4));
     EXPECT_TRUE(IsEmpty(bytes, 1));
+}
+
+Json ValueIn(RegisterKind kind, const CardSpeedInfo& record, const std::string& name)
+{
+    for (const Field& field : FieldsOf(kind, record.bytes)) {
+        if (field.name == name) {
+            return field.value;
+        }
+    }
+    return "no such field";
+}
+
+TEST(SpeedRecord, OfMivoHasAByteOfTheScr)
+{
+    for (const int set : {0, 1, 2, 3, 4}) {
+        CardSpeedInfo record = {};
+        record.bytes[1] = static_cast<uint8_t>(1 << set);
+        int bit = 0;
+        for (const char* name : {"CMD20", "CMD23", "CMD48_49", "CMD58_59", "ACMD53_54"}) {
+            EXPECT_EQ(Json(bit == set),
+                      ValueIn(RegisterKind::MivoSpeed, record, std::string("CMD_SUPPORT_") + name))
+                << name;
+            bit++;
+        }
+    }
+    // Half of a field says nothing.
+    const CardSpeedInfo record = {{0, 0xC0}};
+    EXPECT_EQ(Json(), ValueIn(RegisterKind::MivoSpeed, record, "SD_SPECX_LOWER_HALF"));
+}
+
+TEST(SpeedRecord, OfMivoHasTheCodeOfTheAllocationUnit)
+{
+    const auto size = [](uint8_t code) {
+        const CardSpeedInfo record = {{0, 0, 0, 0, code}};
+        return ValueIn(RegisterKind::MivoSpeed, record, "AU_SIZE");
+    };
+    EXPECT_EQ(Json(), size(0));
+    EXPECT_EQ(Json(16 << 10), size(1));
+    EXPECT_EQ(Json(12 << 20), size(11));
+    EXPECT_EQ(Json(64 << 20), size(15));
+    EXPECT_EQ(Json(), size(16));
 }
 
 }  // namespace

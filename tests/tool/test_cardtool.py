@@ -205,7 +205,35 @@ class JsonTest(CardtoolTest):
         self.assertEqual(result["cid"]["raw"], self.CID[:30])
         self.assertEqual(result["cid"]["crc7"], "not-delivered")
         self.assertIsNone(result["cid"]["fields"]["CRC7"]["raw"])
-        self.assertEqual(len(result["speed"]["raw"]), 64)
+        # Five bytes that nobody but the driver can explain.
+        speed = result["speed"]
+        self.assertEqual(len(speed["raw"]), 64)
+        self.assertEqual(list(speed["fields"]), [f"BYTE_{i}" for i in range(5)])
+        self.assertEqual(speed["fields"]["BYTE_0"], {
+            "bits": "255:248", "raw": int(speed["raw"][:2], 16), "value": None, "unit": None})
+        self.assertGreater(speed["fields"]["BYTE_0"]["raw"], 0)
+
+    def test_info_has_the_speed_record_in_fields(self):
+        # Video speed class 30 with 8 MiB units; class 10, and 512 KiB units without video.
+        video = 4 << 440 | 6 << 428 | 30 << 384 | 8 << 368
+        for status, expected in ((video, {"VIDEO_SPEED_CLASS": (30, 30, "class"),
+                                          "AU_SIZE": (10, 8 << 20, "bytes")}),
+                                 (4 << 440 | 6 << 428, {"VIDEO_SPEED_CLASS": (0, 0, "class"),
+                                                        "AU_SIZE": (6, 512 << 10, "bytes")}),
+                                 (4 << 440, {"AU_SIZE": (0, None, "bytes")})):
+            sim = self.description({"driver": "mivo", "unit": 1,
+                                    "sd_status": status.to_bytes(64, "big").hex()})
+            speed = self.document("info", "/dev/mivosdif1", sim=sim)["result"]["speed"]
+            for name, found in expected.items():
+                field = speed["fields"][name]
+                self.assertEqual((field["raw"], field["value"], field["unit"]), found)
+        raw, fields = bytes.fromhex(speed["raw"]), speed["fields"]
+        self.assertEqual(fields["BYTE_2"], {"bits": "239:232", "raw": raw[2], "value": None,
+                                            "unit": None})
+        self.assertEqual(raw[2], 4)
+        text = self.succeed(self.on_card("info", "--fields", "/dev/mivosdif1", sim=sim)).decode()
+        self.assertRegex(text, r"BYTE_2 +239:232 +4  \(not defined or not known\)")
+        self.assertRegex(text, r"(?s)speed record: .*VIDEO_SPEED_CLASS +255:248 +0  = 0 class")
 
     def test_what_could_not_be_had_is_null(self):
         sim = self.description(faults=[{"call": "ioctl", "request": "0x400178fe", "errno": "EIO"}])

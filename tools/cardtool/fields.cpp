@@ -141,6 +141,18 @@ Json AllocationUnit(uint64_t raw)
     return raw == 0 ? Json() : Json(kKilobytes[raw] * 1024);
 }
 
+// The Mivo back-end takes a byte for what is four bits on the card.
+Json AllocationUnitOfByte(uint64_t raw)
+{
+    return raw > 0xF ? Json() : AllocationUnit(raw);
+}
+
+// The driver alone knows.
+Json NotKnown(uint64_t)
+{
+    return {};
+}
+
 Json Megabytes(uint64_t raw)
 {
     return raw == 0 ? Json() : Json(raw << 20);
@@ -272,6 +284,28 @@ constexpr Row kSdStatus[] = {
     {"FULE_SUPPORT", 312, 312, Flag, nullptr},
 };
 
+// Byte 1 is the fourth byte of the SCR, so that of SD_SPECX only the lower half is there.
+// The driver's words for bytes 2 and 3 are not explained anywhere.
+constexpr Row kMivoSpeed[] = {
+    {"VIDEO_SPEED_CLASS", 255, 248, nullptr, "class"},
+    {"SD_SPECX_LOWER_HALF", 247, 246, NotKnown, nullptr},
+    {"CMD_SUPPORT_ACMD53_54", 244, 244, Flag, nullptr},
+    {"CMD_SUPPORT_CMD58_59", 243, 243, Flag, nullptr},
+    {"CMD_SUPPORT_CMD48_49", 242, 242, Flag, nullptr},
+    {"CMD_SUPPORT_CMD23", 241, 241, Flag, nullptr},
+    {"CMD_SUPPORT_CMD20", 240, 240, Flag, nullptr},
+    {"BYTE_2", 239, 232, NotKnown, nullptr},
+    {"BYTE_3", 231, 224, NotKnown, nullptr},
+    {"AU_SIZE", 223, 216, AllocationUnitOfByte, "bytes"},
+};
+
+// The driver delivers these bytes ready-made, and what they mean lies with it.
+constexpr Row kZelSpeed[] = {
+    {"BYTE_0", 255, 248, NotKnown, nullptr}, {"BYTE_1", 247, 240, NotKnown, nullptr},
+    {"BYTE_2", 239, 232, NotKnown, nullptr}, {"BYTE_3", 231, 224, NotKnown, nullptr},
+    {"BYTE_4", 223, 216, NotKnown, nullptr},
+};
+
 void Add(std::vector<Field>& fields, std::span<const Row> rows, const uint8_t* bytes, size_t size)
 {
     for (const Row& row : rows) {
@@ -339,7 +373,17 @@ const char* CrcName(Crc crc)
 
 size_t SizeOf(RegisterKind kind)
 {
-    return kind == RegisterKind::SdStatus ? 64 : kind == RegisterKind::Scr ? 8 : 16;
+    switch (kind) {
+        case RegisterKind::SdStatus:
+            return CARD_SD_STATUS_SIZE;
+        case RegisterKind::MivoSpeed:
+        case RegisterKind::ZelSpeed:
+            return sizeof(CardSpeedInfo);
+        case RegisterKind::Scr:
+            return 8;
+        default:
+            return 16;
+    }
 }
 
 std::vector<Field> FieldsOf(RegisterKind kind, const uint8_t* bytes)
@@ -353,6 +397,12 @@ std::vector<Field> FieldsOf(RegisterKind kind, const uint8_t* bytes)
             break;
         case RegisterKind::Scr:
             Add(fields, kScr, bytes, SizeOf(kind));
+            break;
+        case RegisterKind::MivoSpeed:
+            Add(fields, kMivoSpeed, bytes, SizeOf(kind));
+            break;
+        case RegisterKind::ZelSpeed:
+            Add(fields, kZelSpeed, bytes, SizeOf(kind));
             break;
         default:
             Add(fields, kSdStatus, bytes, SizeOf(kind));
@@ -371,7 +421,7 @@ std::string FieldText(const std::vector<Field>& fields)
         line.resize(kNameColumn + kBitsColumn, ' ');
         line += std::to_string(field.raw);
         if (field.value.is_null()) {
-            line += "  (not defined)";
+            line += "  (not defined or not known)";
         } else if (field.value != Json(field.raw) || field.unit != nullptr) {
             line += "  = " +
                     (field.value.is_string() ? field.value.get<std::string>() : field.value.dump());

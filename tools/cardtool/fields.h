@@ -18,11 +18,12 @@ struct Field {
     unsigned high;  // bit 0 is the register's last
     unsigned low;
     uint64_t raw;
-    Json value;        // null where the bits mean nothing defined
+    Json value;        // null where the bits mean nothing defined, or nothing known
     const char* unit;  // null where there is none
 };
 
-enum class RegisterKind { Cid, Csd, Scr, SdStatus };
+// The speed record is no register of the card's: each back-end fills it in its own way.
+enum class RegisterKind { Cid, Csd, Scr, SdStatus, MivoSpeed, ZelSpeed };
 
 // Bytes of such a register.
 size_t SizeOf(RegisterKind kind);

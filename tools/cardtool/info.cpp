@@ -87,12 +87,15 @@ void ShowSdStatus(const Arguments& arguments, Device& device, Report& report)
 }
 
 // Five bytes carry something.
-void ShowSpeed(Device& device, Report& report)
+void ShowSpeed(const Arguments& arguments, Device& device, Report& report)
 {
     const std::optional<CardSpeedInfo> speed = device.Speed();
     if (speed) {
-        report.Say(Line("speed record", Hex(speed->bytes, 5)));
-        report.result["speed"] = {{"raw", Hex(speed->bytes, sizeof speed->bytes)}};
+        const RegisterKind kind =
+            device.type() == DEV_TYPE_MIVO ? RegisterKind::MivoSpeed : RegisterKind::ZelSpeed;
+        report.Say(Line("speed record", Hex(speed->bytes, 5)) +
+                   FieldsIfAsked(arguments, kind, speed->bytes));
+        report.result["speed"] = RegisterJson(kind, speed->bytes);
     }
 }
 
@@ -180,7 +183,7 @@ void ShowInfo(const Arguments& arguments, Device& device, Report& report)
     });
     part([&] { ShowRegisters(arguments, device, report); });
     part([&] { ShowSdStatus(arguments, device, report); });
-    part([&] { ShowSpeed(device, report); });
+    part([&] { ShowSpeed(arguments, device, report); });
     if (failed) {
         throw Failure(*failed);
     }
