@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: MIT
 """The manual pages against the header, and against mandoc's idea of a page.
 
-   check_man.py HEADER FOLDER [MANDOC]
+   check_man.py HEADER FOLDER DATE [MANDOC]
 """
 import pathlib
 import re
@@ -10,7 +10,7 @@ import subprocess
 import sys
 import unittest
 
-HEADER, FOLDER, *MANDOC = sys.argv[1:]
+HEADER, FOLDER, DATE, *MANDOC = sys.argv[1:]
 PAGES = sorted(pathlib.Path(FOLDER).glob("*.[0-9]"))
 OVERVIEWS = {"carddev", "cardsim"}  # the pages that are no function's
 
@@ -90,6 +90,11 @@ class Pages(unittest.TestCase):
                 for section in ("NAME", "LIBRARY", "SYNOPSIS", "DESCRIPTION", "RETURN VALUES",
                                 "ERRORS", "SEE ALSO"):
                     self.assertIn(section, sections, page)
+
+    def test_pages_have_the_projects_date(self):
+        for page in PAGES:
+            found = re.findall(r"^\.Dd (.*)$", page.read_text(encoding="utf-8"), flags=re.M)
+            self.assertEqual([DATE], found, page)
 
     def test_mandoc_finds_no_fault(self):
         # Which other pages there are is looked up above: mandoc asks the machine for them.

@@ -199,7 +199,7 @@ TEST(SpeedRecord, OfMivoHasTheCodeOfTheAllocationUnit)
     EXPECT_EQ(Json(16 << 10), size(1));
     EXPECT_EQ(Json(12 << 20), size(11));
     EXPECT_EQ(Json(64 << 20), size(15));
-    EXPECT_EQ(Json(), size(16));
+    EXPECT_EQ(Json(), size(17));
 }
 
 }  // namespace

@@ -533,6 +533,11 @@ class GeneratedTest(CardtoolTest):
             found[name] = set(re.findall(r"(?<![\w-])--[a-z][a-z-]*", own)) - {"--help"}
         return found
 
+    def test_manual_page_has_the_projects_date(self):
+        lists = (pathlib.Path(__file__).parents[2] / "CMakeLists.txt").read_text()
+        date = re.search(r'set\(CARDDEV_DATE "(.*?)"\)', lists).group(1)
+        self.assertIn(f"\n.Dd {date}\n", self.generated("man"))
+
     def test_manual_page(self):
         page = self.file("cardtool.1", self.generated("man").encode())
         lint = subprocess.run(["mandoc", "-T", "lint", page], capture_output=True, text=True,

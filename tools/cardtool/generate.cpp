@@ -109,7 +109,8 @@ std::string Man()
 {
     std::string text =
         ".\\\" SPDX-License-Identifier: MIT\n"
-        ".Dd November 20, 2026\n.Dt CARDTOOL 1\n.Os\n"
+        ".Dd " CARDTOOL_DATE
+        "\n.Dt CARDTOOL 1\n.Os\n"
         ".Sh NAME\n.Nm cardtool\n.Nd look at, read and write memory cards\n"
         ".Sh SYNOPSIS\n.Nm\n.Op Ar options\n.Ar command\n.Op Ar argument ...\n"
         ".Sh DESCRIPTION\n.Nm\ncarries out one command on the card behind a device node,\n"
