@@ -3,7 +3,7 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <optional>
+#include <memory>
 
 #include "tools/cardtool/interrupt.h"
 #include "tools/cardtool/quiet.h"
@@ -33,7 +33,7 @@ public:
 private:
     void Open(const DrvInfo& detected)
     {
-        device_.emplace(detected);
+        device_ = std::make_unique<Device>(detected);
         ready_ = (device_->Status() & CARD_STATUS_READY) != 0;
     }
 
@@ -104,7 +104,7 @@ private:
 
     const Arguments& arguments_;
     Report& report_;
-    std::optional<Device> device_;  // none while no card is there
+    std::unique_ptr<Device> device_;  // none while no card is there
     bool ready_ = false;
     uint32_t looks_ = 1;
     uint32_t events_ = 0;
