@@ -330,6 +330,9 @@ TEST_F(MivoChunk2Sg, PutsTheChunksInOrder)
     const Conversion conversions[] = {
         {"one", {{0x1000, 0x800}}, {{0x1000, 0x80000800}}},
         {"two that meet", {{0x1000, 0x800}, {0x1800, 0x800}}, {{0x1000, 0x80001000}}},
+        {"three that meet",
+         {{0x1000, 0x800}, {0x1800, 0x400}, {0x1C00, 0x200}},
+         {{0x1000, 0x80000E00}}},
         {"two pages that meet", {{0x1000, 4096}, {0x2000, 4096}}, {{0x1000, 0x80002000}}},
         {"a full one is not topped up",
          {{0x1000, 65536}, {0x11000, 1}},

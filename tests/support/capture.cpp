@@ -28,6 +28,11 @@ std::string WithoutLineNumbers(const std::string& text)
 
 std::string Printed(const std::function<void()>& body)
 {
+    return WithoutLineNumbers(PrintedExactly(body));
+}
+
+std::string PrintedExactly(const std::function<void()>& body)
+{
     std::fflush(stdout);
     FILE* file = std::tmpfile();
     const int terminal = dup(STDOUT_FILENO);
@@ -47,7 +52,7 @@ std::string Printed(const std::function<void()>& body)
         text.append(buffer.data(), got);
     }
     std::fclose(file);
-    return WithoutLineNumbers(text);
+    return text;
 }
 
 int ErrnoAfter(int before, const std::function<void()>& body)

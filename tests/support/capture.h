@@ -9,6 +9,9 @@
 // prefixes replaced: "[zel:RicohSD_Init(#)](E)...".
 std::string Printed(const std::function<void()>& body);
 
+// The same as it was printed.
+std::string PrintedExactly(const std::function<void()>& body);
+
 // Every "(123)]" becomes "(#)]".
 std::string WithoutLineNumbers(const std::string& text);
 

@@ -1,0 +1,28 @@
+// SPDX-License-Identifier: MIT
+//
+// How a line of the library's begins: whose it is, the function and source line that it
+// stands in, and its level.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/capture.h"
+
+#define LOG_TAG Mivosdif
+#include "common/log.h"
+
+namespace {
+
+TEST(Log, NamesTheFunctionAndTheLine)
+{
+    int line = 0;
+    EXPECT_EQ("[mivosdif:Somewhere(81)](E)text 7\n",
+              PrintedExactly([] { LOG_ERROR_OF("Somewhere", 81, "text %d\n", 7); }));
+    EXPECT_EQ("[mivosdif:Elsewhere(4095)](W)text\n",
+              PrintedExactly([] { LOG_WARNING_OF("Elsewhere", 4095, "text\n"); }));
+    const std::string here = PrintedExactly([&] { line = __LINE__, LOG_ERROR("text\n"); });
+    EXPECT_EQ("[mivosdif:operator()(" + std::to_string(line) + ")](E)text\n", here);
+    EXPECT_EQ("text\n", PrintedExactly([] { LOG_PLAIN("text\n"); }));
+}
+
+}  // namespace
