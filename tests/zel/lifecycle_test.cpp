@@ -2,6 +2,7 @@
 //
 // The Zel back-end: its table, opening and closing, the callback, and operations
 // on a handle that was never opened.
+#include <array>
 #include <climits>
 
 #include <fcntl.h>
@@ -523,25 +524,39 @@ TEST_F(ZelInit, StartsAfreshOnADeviceThatIsOpen)
     SgFree(lost.sg_table);
 }
 
-// A program that has closed its standard input is given descriptor 0.
+// A program that has closed its standard input is given descriptor 0: for the first node,
+// or for a later one where another thread closed it in between.
 TEST_F(ZelInit, TakesDescriptorZeroForNotOpen)
 {
-    const int input = dup(0);
-    ASSERT_LT(0, input);
-    EXPECT_EQ((Outcome{0, kBanner}), OutcomeOf([&] {
-                  EXPECT_EQ(0, close(0));
-                  return zel_ops.Init(&handle);
-              }));
-    EXPECT_EQ(0, dev->dev_fd);
-    kernel.ClearCalls();
-    EXPECT_EQ((Outcome{0, "[zel:Zel_Exit(#)](E)already closed!\n"}),
-              OutcomeOf([&] { return zel_ops.Exit(&handle); }));
-    EXPECT_TRUE(kernel.Calls().empty());
-    EXPECT_EQ(0, close(dev->dev_fd));
-    dev->dev_fd = -1;
-    EXPECT_EQ(0, zel_ops.Exit(&handle));
-    ASSERT_EQ(0, dup2(input, 0));
-    close(input);
+    constexpr std::array nodes = {&ZelDevice::dev_fd, &ZelDevice::blk_fd, &ZelDevice::chr_fd,
+                                  &ZelDevice::rt_fd};
+    for (size_t node = 0; node < nodes.size(); node++) {
+        SCOPED_TRACE(node);
+        const int input = dup(0);
+        ASSERT_LT(0, input);
+        kernel.ClearFaults();
+        Fault closing = FaultOf(CallKind::Open, node);
+        closing.then = [] { EXPECT_EQ(0, close(0)); };
+        kernel.Inject(closing);
+        const Outcome opening = OutcomeOf([&] {
+            EXPECT_EQ(0, node == 0 ? close(0) : 0);
+            return zel_ops.Init(&handle);
+        });
+        // The size query takes the second node for not open, and opening goes on.
+        const char* const complaint =
+            node == 1 ? "[zel:Zel_CardGetSize(#)](E)Invalid blk_fd!\n" : "";
+        EXPECT_EQ((Outcome{0, std::string(complaint) + kBanner}), opening);
+        EXPECT_EQ(0, dev->*nodes[node]);
+        kernel.ClearCalls();
+        EXPECT_EQ((Outcome{0, "[zel:Zel_Exit(#)](E)already closed!\n"}),
+                  OutcomeOf([&] { return zel_ops.Exit(&handle); }));
+        EXPECT_TRUE(kernel.Calls().empty());
+        EXPECT_EQ(0, close(0));
+        dev->*nodes[node] = -1;
+        EXPECT_EQ(0, zel_ops.Exit(&handle));
+        ASSERT_EQ(0, dup2(input, 0));
+        close(input);
+    }
 }
 
 // --- Init: what the driver tells ----------------------------------------------------
