@@ -97,8 +97,8 @@ in_root() {
 }
 
 make_root() {
-    if [ ! -s "$base" ]; then
-        "${as_root[@]}" mmdebstrap --quiet --mode=root --variant=apt bookworm "$base.new" \
+    if [ ! -f "$base" ]; then
+        "${as_root[@]}" mmdebstrap --quiet --mode=root --variant=apt --format=tar bookworm "$base.new" \
             http://deb.debian.org/debian || fail "a root with Debian 12 could not be made (above)"
         mv "$base.new" "$base"
     fi
