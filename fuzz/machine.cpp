@@ -53,7 +53,7 @@ alignas(64) uint8_t arena[kArenaSize];
 struct Block {
     uint8_t* at;
     size_t length;
-    bool library;  // not one of the caller's
+    bool by_library;  // not one of the caller's
     bool live;
 };
 constexpr size_t kMostBlocks = 1024;
@@ -278,7 +278,7 @@ void Machine::Free(void* block)
 {
     for (size_t i = 0; i < block_count; i++) {
         if (blocks[i].at == block) {
-            FUZZ_CHECK(blocks[i].live && blocks[i].library, "a block is freed twice");
+            FUZZ_CHECK(blocks[i].live && blocks[i].by_library, "a block is freed twice");
             blocks[i].live = false;
             live_blocks_--;
             ASAN_POISON_MEMORY_REGION(blocks[i].at, blocks[i].length);
