@@ -47,11 +47,13 @@ enum class Call {
 
 // Hot, like what they jump to: the linker then puts what a transfer runs through side by
 // side, and the processor needs one mapping for all of it.
+// NOLINTBEGIN(readability-redundant-declaration)
 extern "C" int32_t DevDrctRead(DrvInfo* handle, uint32_t first_sector, uint32_t length,
                                MemoryChunkArray* chunks) __attribute__((hot));
 extern "C" int32_t DevDrctWrite(DrvInfo* handle, uint32_t first_sector, uint32_t length,
                                 MemoryChunkArray* chunks, uint32_t flag, uint32_t* retried)
     __attribute__((hot));
+// NOLINTEND(readability-redundant-declaration)
 
 #pragma GCC visibility push(hidden)
 
