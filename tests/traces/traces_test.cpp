@@ -3,8 +3,6 @@
 // What each call of the interface asks of the kernel when all goes well: every system
 // call, every use of the unit's lock and of the heap, in order and no more. Programs on
 // the board are tuned to these.
-#include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
