@@ -13,9 +13,9 @@
 
 #include "carddev.h"
 #include "fuzz/check.h"
-#include "fuzz/contents.h"
 #include "fuzz/input.h"
 #include "fuzz/machine.h"
+#include "sim/contents.h"
 
 namespace {
 
@@ -85,7 +85,7 @@ public:
             // The only bytes without a value that the library may look at: a record that its
             // driver says to have written; and the Zel back-end's register records after a
             // failure, because a register that cannot be read is reported with success.
-            fuzz::HasValue(MemoryOf(call), record->size);
+            cardsim::HasValue(MemoryOf(call), record->size);
         }
         if (call.kind == CallKind::Read || call.kind == CallKind::Write) {
             transferred = answer.result;

@@ -11,8 +11,8 @@
 
 #include "carddev_state.h"
 #include "fuzz/check.h"
-#include "fuzz/contents.h"
 #include "fuzz/messages.h"
+#include "sim/contents.h"
 
 #if defined(__has_include) && __has_include(<sanitizer/asan_interface.h>)
 #include <sanitizer/asan_interface.h>
@@ -269,7 +269,7 @@ void* Machine::Malloc(size_t length)
     live_blocks_++;
     memset(block, zero_ ? 0 : fill_, length);
     if (!zero_) {
-        HasNoValue(block, length);
+        cardsim::HasNoValue(block, length);
     }
     return block;
 }

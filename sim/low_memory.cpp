@@ -13,12 +13,7 @@
 #include <pthread.h>
 #include <sys/mman.h>
 
-#if defined(__has_include) && __has_include(<sanitizer/asan_interface.h>)
-#include <sanitizer/asan_interface.h>
-#else
-#define ASAN_POISON_MEMORY_REGION(address, length)
-#define ASAN_UNPOISON_MEMORY_REGION(address, length)
-#endif
+#include "sim/contents.h"
 
 // malloc and free are wrapped for the library under test; these are the real ones.
 extern "C" void* __real_malloc(size_t length);
@@ -77,9 +72,15 @@ void* MapLow(size_t length)
         void* mapped =
             mmap(reinterpret_cast<void*>(at), length, PROT_READ | PROT_WRITE,
                  MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED_NOREPLACE, -1, 0);
-        if (mapped == reinterpret_cast<void*>(at)) {
+        if (mapped == MAP_FAILED) {
+            continue;
+        }
+        // An old kernel, or a tool that stands in for it, may take the address as a wish.
+        const auto start = reinterpret_cast<uintptr_t>(mapped);
+        if (start >= kLowest && start < kEnd && length <= kEnd - start) {
             return mapped;
         }
+        munmap(mapped, length);
     }
     return nullptr;
 }
@@ -98,7 +99,7 @@ public:
         uint8_t* block = Take(room);
         if (block != nullptr) {
             sizes_[block] = room;
-            ASAN_UNPOISON_MEMORY_REGION(block, length);
+            HasNoValue(block, length);
         }
         return block;
     }
@@ -110,7 +111,7 @@ public:
         if (found == sizes_.end()) {
             std::abort();  // not a block, or freed before
         }
-        ASAN_POISON_MEMORY_REGION(block, found->second);
+        IsOffLimits(block, found->second);
         free_[found->second].push_back(static_cast<uint8_t*>(block));
         sizes_.erase(found);
     }
@@ -135,7 +136,7 @@ private:
             if (start_ == nullptr) {
                 return nullptr;
             }
-            ASAN_POISON_MEMORY_REGION(start_, kArenaSize);
+            IsOffLimits(start_, kArenaSize);
         }
         if (kArenaSize - used_ < room) {
             return nullptr;

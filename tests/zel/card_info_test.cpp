@@ -2,6 +2,7 @@
 //
 // The Zel back-end's registers, SD status, speed record and size: what the driver
 // is asked, where its answer goes, and the copies.
+#include "sim/contents.h"
 #include "tests/support/sizings.h"
 #include "tests/zel/fixture.h"
 
@@ -246,8 +247,10 @@ TEST_F(ZelInfo, GoesOnWhereNothingCanBeRead)
                      "ioctl(/dev/spda, 0x20007005) = -1 EIO", "malloc(32)"}),
               TraceOf(kernel));
     EXPECT_EQ(0, info.cid[0]);
+    cardsim::HasValue(&info, sizeof info);  // of bytes that nobody wrote
     const Bytes first = BytesOf(info);
     ASSERT_NE(nullptr, dev->reg_buf);
+    cardsim::HasValue(dev->reg_buf, sizeof *dev->reg_buf);
     EXPECT_EQ(first, BytesOf(*dev->reg_buf));
     kernel.ClearFaults();
     kernel.ClearCalls();
@@ -455,6 +458,8 @@ TEST_F(ZelSpeed, LeavesTheRestZeroWhereNothingCanBeRead)
     FailRequest(ZEL_GET_CARD_PARAMS, EIO);
     EXPECT_EQ((Outcome{0, kSpeedLine, EIO}), GetSpeed());
     EXPECT_EQ(Bytes(27, 0), Bytes(speed.bytes + 5, speed.bytes + 32));
+    cardsim::HasValue(&speed, 5);  // of bytes that nobody wrote
+    cardsim::HasValue(dev->speed_buf, 5);
     EXPECT_EQ(BytesOf(speed), BytesOf(*dev->speed_buf));
 }
 
