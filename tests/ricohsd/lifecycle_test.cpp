@@ -184,6 +184,24 @@ TEST_F(RicohSdInit, FallsBackToReadingForAProtectedCard)
     EXPECT_EQ(1u, kernel.OpenFiles());
 }
 
+// In a program without a standard input the node's descriptor is 0.
+TEST_F(RicohSdInit, TakesDescriptor0ForOpenWhateverErrnoWasBefore)
+{
+    Printed([&] {
+        const int standard_input = dup(STDIN_FILENO);
+        close(STDIN_FILENO);
+        errno = EROFS;
+        EXPECT_EQ(0, ricoh_sd_ops.Init(&handle));
+        EXPECT_EQ(0, dev.blk_fd);
+        EXPECT_EQ(0, dev.read_only);
+        EXPECT_EQ(0, ricoh_sd_ops.Exit(&handle));
+        dup2(standard_input, STDIN_FILENO);
+        close(standard_input);
+    });
+    EXPECT_EQ((Trace{"open64(/dev/sdcarda, O_RDWR|O_SYNC)", "close(/dev/sdcarda) = 0"}),
+              TraceOf(kernel));
+}
+
 TEST_F(RicohSdInit, FallsBackForNoOtherError)
 {
     for (const int error : {ENOENT, ENXIO, ENODEV, EACCES, EPERM, EBUSY, EIO, EINTR, EMFILE}) {

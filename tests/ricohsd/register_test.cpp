@@ -488,6 +488,16 @@ TEST_F(RicohSdSize, IsNothingWhereTheRequestFails)
     EXPECT_EQ(kSectors, CARD_GetCardSize(&handle));
 }
 
+TEST_F(RicohSdSize, IsNothingWhereTheDriverWroteNothing)
+{
+    Open();
+    cardsim::Fault fault;
+    fault.request = RICOHSD_BLKGETSIZE;
+    fault.result = 0;
+    kernel.Inject(fault);
+    EXPECT_EQ("", Printed([&] { EXPECT_EQ(0u, CARD_GetCardSize(&handle)); }));
+}
+
 TEST_F(RicohSdSize, NeedsAHandleThenAnOpenDevice)
 {
     const char* const no_info = "[zel:RicohSD_CardGetSize(#)](E)Cannot get driver info!\n";
