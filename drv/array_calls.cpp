@@ -11,7 +11,9 @@ int32_t DevArray2Chunk(const MemoryArray* list, MemoryChunkArray* chunks)
         LOG_ERROR("Invalid arguments!\n");
         return -EINVAL;
     }
-    for (int32_t i = 0; i < list->count; i++) {
+    // Looked at before each piece: it may be changed under the loop.
+    const volatile int32_t& count = list->count;
+    for (int32_t i = 0; i < count; i++) {
         chunks->chunk[i].addr = list->addr[i];
         chunks->chunk[i].len = list->len[i];
         // From DevDrctWriteArray it comes as the allocator left it.

@@ -224,6 +224,7 @@ fsmiw_parm* AllocateParms(int32_t count)
     uint32_t size = 0;
     if (__builtin_mul_overflow(static_cast<uint32_t>(count),
                                static_cast<uint32_t>(sizeof(fsmiw_parm)), &size)) {
+        errno = ENOMEM;  // as the allocator says it
         return nullptr;
     }
     return static_cast<fsmiw_parm*>(malloc(size));

@@ -240,6 +240,7 @@ fsmiw_parm* AllocateParms(int32_t count)
     const uint32_t elements = count > 0 ? static_cast<uint32_t>(count) : 0;
     uint32_t size = 0;
     if (__builtin_mul_overflow(elements, static_cast<uint32_t>(sizeof(fsmiw_parm)), &size)) {
+        errno = ENOMEM;  // as the allocator says it
         return nullptr;
     }
     return static_cast<fsmiw_parm*>(malloc(size));

@@ -355,6 +355,22 @@ TEST(DevArray2Chunk, TouchesNothingBelowOnePiece)
     }
 }
 
+// Whoever changes the count meanwhile, here the list that is filled, ends the loop by it.
+TEST(DevArray2Chunk, LooksAtTheCountBeforeEachPiece)
+{
+    // The third piece's length goes to where the count stands, and comes from where the number
+    // of pieces that are done stands: 2.
+    constexpr size_t kThirdLength = offsetof(MemoryChunkArray, chunk) + 2 * sizeof(MemoryChunk) + 4;
+    alignas(MemoryArray) uint8_t both[sizeof(MemoryArray)] = {};
+    const MemoryArray pieces = Pieces(8);
+    memcpy(both, &pieces, sizeof pieces);
+    auto* const filled =
+        reinterpret_cast<MemoryChunkArray*>(both + offsetof(MemoryArray, count) - kThirdLength);
+    filled->count = 0;
+    EXPECT_EQ(0, DevArray2Chunk(reinterpret_cast<const MemoryArray*>(both), filled));
+    EXPECT_EQ(3u, filled->count);
+}
+
 // Entries are filled from the first on whatever the count was.
 TEST(DevArray2Chunk, AddsToTheCount)
 {

@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: MIT
 //
 // Each operation on each path through it, with every fault at every call that it makes, once
-// and for good, and with every pair of faults, of those that are told from one another. What
-// must come of it is worked out from the tables beside this file; the last thing each time is
-// the same call again without faults, another one, and the end of the device.
+// and for good, and with every pair of faults: of those that are told from one another, or of
+// all where CARDDEV_EVERY_PAIR is in the environment. What must come of it is worked out from
+// the tables beside this file; the last thing each time is the same call again without faults,
+// another one, and the end of the device.
 //
 // What is refused without any call, such as a bad handle, is in backends/calls_test.cpp.
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include <gtest/gtest.h>
@@ -102,6 +104,12 @@ Plan DeadFrom(const std::vector<ExpectedCall>& calls, size_t at, const Oddity& o
     return plan;
 }
 
+const std::vector<Oddity>& OfPairs(const ExpectedCall& call)
+{
+    static const bool kOfAll = getenv("CARDDEV_EVERY_PAIR") != nullptr;
+    return kOfAll ? AllOf(call) : SomeOf(call);
+}
+
 std::vector<Oddity> WithCardMoves(std::vector<Oddity> oddities)
 {
     oddities.insert(oddities.end(), CardMoves().begin(), CardMoves().end());
@@ -127,7 +135,7 @@ public:
         const std::vector<ExpectedCall> calls = WithoutFrees(Try({}, kErrorOfPairs));
         for (size_t at = 0; at < calls.size(); at++) {
             Limits(calls, at, counts);
-            for (const Oddity& oddity : WithCardMoves(SomeOf(calls[at]))) {
+            for (const Oddity& oddity : WithCardMoves(OfPairs(calls[at]))) {
                 for (const Planted& first : Both(calls, at, oddity)) {
                     Pairs(first, counts);
                 }
@@ -191,7 +199,7 @@ private:
             if (first.mark.Covers(calls[at]) && first.times == cardsim::Fault::kForEver) {
                 continue;
             }
-            for (const Oddity& oddity : WithCardMoves(SomeOf(calls[at]))) {
+            for (const Oddity& oddity : WithCardMoves(OfPairs(calls[at]))) {
                 for (const Planted& second : Both(calls, at, oddity)) {
                     if (pairs_++ % kPairStep == 0) {
                         Try({first, second}, kErrorOfPairs);

@@ -311,7 +311,11 @@ TEST_P(ZelElements, RefusesACountWhoseArrayHasNoSize)
                                                   {buffer.address(), 1, 2, nullptr}},
                       count);
         EXPECT_EQ(std::string("[zel:") + GetParam().function + "(#)](E)fsmiw_parm malloc failed!",
-                  Printed([&] { EXPECT_EQ(-12, Run(list.get())); }));
+                  Printed([&] {
+                      errno = EXFULL;
+                      EXPECT_EQ(-12, Run(list.get()));
+                      EXPECT_EQ(ENOMEM, errno);
+                  }));
         EXPECT_TRUE(kernel.Calls().empty());
         EXPECT_TRUE(LockIsFree());
         EXPECT_EQ(0, dev.io_error);
