@@ -244,12 +244,12 @@ public:
 
 private:
     template <typename Body>
-    int32_t Make(const char* name, Body body)
+    int32_t Make(const char* name, Body body, int own_errno = 0)
     {
         sent = 0;
         machine_.Begin();
         const int32_t result = body();
-        machine_.End(name);
+        machine_.End(name, own_errno);
         return result;
     }
 
@@ -396,10 +396,16 @@ private:
             overflow = overflow || (bytes >> 16) + ((bytes & 0xFFFF) != 0) >= kEntries;
         }
         memory_->list = {plan.elements, plan.chain > 0 ? &memory_->entry[0] : nullptr};
-        const int32_t result = Make("a write of elements", [&] {
-            return fat ? DevFatWrite(&memory_->handle, &memory_->list)
-                       : DevDrctRMW(&memory_->handle, &memory_->list);
-        });
+        // Zel asks for no room below 0, Mivo for more than there is.
+        const bool has_size =
+            static_cast<uint32_t>(plan.elements) < 0x10000000 || (zel_ && plan.elements < 0);
+        const int32_t result = Make(
+            "a write of elements",
+            [&] {
+                return fat ? DevFatWrite(&memory_->handle, &memory_->list)
+                           : DevDrctRMW(&memory_->handle, &memory_->list);
+            },
+            has_size ? 0 : ENOMEM);
         if (plan.elements > 65536 || overflow) {
             FUZZ_CHECK(result == -ENOMEM && sent == 0, "result %d", result);
         } else {

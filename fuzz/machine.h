@@ -63,7 +63,8 @@ public:
 
     // Around each call of the library's.
     void Begin();
-    void End(const char* what);
+    // `own` is the errno value that the library may leave by itself there, if there is one.
+    void End(const char* what, int own = 0);
     // What has happened since Begin.
     unsigned calls() const { return calls_; }
     unsigned more_answers() const { return more_answers_; }  // positive ones of ioctl
