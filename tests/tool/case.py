@@ -13,6 +13,8 @@ import subprocess
 import tempfile
 import unittest
 
+import jsonschema
+
 TOOL = shlex.split(os.environ["CARDTOOL"])
 DEVICE = "/dev/sdcarda"
 SECTOR = 512
@@ -96,3 +98,33 @@ class CardtoolTest(unittest.TestCase):
 
     def assert_card_unchanged(self):
         self.assertTrue(self.image.read_bytes() == self.content, "the card's sectors changed")
+
+
+def no_repeated_key(pairs):
+    document = dict(pairs)
+    if len(document) != len(pairs):
+        raise ValueError("a key stands twice")
+    return document
+
+
+class DocumentTest(CardtoolTest):
+    """One valid document on standard output, whatever happens."""
+
+    def document(self, *arguments, code=OK, sim=None, plain=False, **options):
+        run = self.run_tool if plain else self.on_card
+        extra = {} if plain else {"sim": sim}
+        result = run("--json", *arguments, **extra, **options)
+        self.assertEqual(result.returncode, code, result.stderr)
+        text = result.stdout.decode("ascii")
+        self.assertTrue(text.endswith("}\n"))
+        self.assertFalse(set(text) & set(map(chr, range(32))) - {"\n"}, "control characters")
+        document = json.loads(text, object_pairs_hook=no_repeated_key)
+        jsonschema.Draft202012Validator(SCHEMA).validate(document)
+        self.assertEqual(document["ok"], code == OK)
+        if code != OK:
+            self.assertEqual(document["error"]["code"], code)
+            self.assertEqual(document["error"]["name"], NAMES[code])
+            lines = self.fail_with(code, result)
+            self.assertEqual(lines, ["cardtool: " + document["error"]["message"],
+                                     "cardtool: " + document["error"]["hint"]])
+        return document

@@ -14,42 +14,16 @@ import unittest
 
 import jsonschema
 
-from case import (BANNER, BUSY, CardtoolTest, DEVICE, INPUT_OUTPUT, MISMATCH, NAMES, NOT_A_CARD,
-                  NO_DEVICE, OK, PERMISSION, REFUSED, REMOVED, SCHEMA, SECTOR, SECTORS, USAGE,
-                  pattern)
+from case import (BANNER, BUSY, CardtoolTest, DEVICE, DocumentTest, INPUT_OUTPUT, MISMATCH,
+                  NOT_A_CARD, NO_DEVICE, PERMISSION, REFUSED, REMOVED, SCHEMA, SECTOR, SECTORS,
+                  USAGE, pattern)
 
 
-def no_repeated_key(pairs):
-    document = dict(pairs)
-    if len(document) != len(pairs):
-        raise ValueError("a key stands twice")
-    return document
-
-
-class JsonTest(CardtoolTest):
+class JsonTest(DocumentTest):
     """One valid document on standard output, whatever happens."""
 
     CID = "02544d534131364743001af44c0129e9"
     CSD = "400e00325b590000734f7f800a40001b"
-
-    def document(self, *arguments, code=OK, sim=None, plain=False, **options):
-        run = self.run_tool if plain else self.on_card
-        extra = {} if plain else {"sim": sim}
-        result = run("--json", *arguments, **extra, **options)
-        self.assertEqual(result.returncode, code, result.stderr)
-        text = result.stdout.decode("ascii")
-        self.assertTrue(text.endswith("}\n"))
-        self.assertFalse(set(text) & set(map(chr, range(32))) - {"\n"}, "control characters")
-        document = json.loads(text, object_pairs_hook=no_repeated_key)
-        jsonschema.Draft202012Validator(SCHEMA).validate(document)
-        self.assertEqual(document["ok"], code == OK)
-        if code != OK:
-            self.assertEqual(document["error"]["code"], code)
-            self.assertEqual(document["error"]["name"], NAMES[code])
-            lines = self.fail_with(code, result)
-            self.assertEqual(lines, ["cardtool: " + document["error"]["message"],
-                                     "cardtool: " + document["error"]["hint"]])
-        return document
 
     def test_the_schema_is_one_and_refuses(self):
         jsonschema.Draft202012Validator.check_schema(SCHEMA)
@@ -165,23 +139,6 @@ class JsonTest(CardtoolTest):
         self.assertEqual(json.loads(result.stdout)["device"], "/dev/\x1bc\ufffd\ufffd")
         said = [line for line in result.stderr.split(b"\n") if line.startswith(b"cardtool: ")]
         self.assertNotIn(b"\x1b", b"".join(said))
-
-    def test_every_failure_of_every_call(self):
-        commands = (["detect", DEVICE], ["info", DEVICE], ["size", DEVICE], ["status", DEVICE],
-                    ["write-protect", DEVICE], ["format-params", DEVICE], ["rt", DEVICE],
-                    ["read", DEVICE, "-o", self.path("out")],
-                    ["write", DEVICE, "--yes", "-i", self.file("in", bytes(SECTOR))])
-        ended = set()
-        for call in ("stat", "open", "close", "seek", "read", "write", "ioctl"):
-            for errno in ("EIO", "EACCES", "ENXIO"):
-                sim = self.description(
-                    faults=[{"call": call, "node": DEVICE, "errno": errno, "times": 99}])
-                for command in commands:
-                    with self.subTest(f"{call} {errno}: {command[0]}"):
-                        code = self.on_card(*command, sim=sim).returncode
-                        self.document(*command, sim=sim, code=code)
-                        ended.add(code)
-        self.assertEqual(ended, {OK, NO_DEVICE, PERMISSION, INPUT_OUTPUT})
 
     def test_errors_of_the_command_line(self):
         for arguments in ([], ["erase"], ["size"], ["read", DEVICE], ["size", DEVICE, "--x"]):
