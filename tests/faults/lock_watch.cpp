@@ -3,8 +3,6 @@
 
 #include <cstdint>
 
-#include <pthread.h>
-
 #include "carddev_state.h"
 
 namespace faults {
@@ -29,10 +27,12 @@ bool LiesIn(const Units& units, const pthread_mutex_t* mutex)
 
 void Note(const pthread_mutex_t* mutex, int change)
 {
-    if (LiesIn(zel_dev, mutex) || LiesIn(mivo_dev, mutex)) {
-        faults::LockWatch& watch = faults::Locks();
+    faults::LockWatch& watch = faults::Locks();
+    if (mutex == watch.own) {
         watch.held += change;
         watch.odd = watch.odd || watch.held < 0 || watch.held > 1;
+    } else if (LiesIn(zel_dev, mutex) || LiesIn(mivo_dev, mutex)) {
+        watch.foreign = true;
     }
 }
 

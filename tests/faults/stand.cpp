@@ -224,7 +224,7 @@ void Stand::Prepare()
 {
     Subject& on = *subject_;
     const Setup& setup = op_.setup;
-    Locks() = {};
+    Locks() = {.own = OwnLock()};
     callbacks = 0;
     callback_saw_lock = false;
     on.handle = HandleFor(PathOf(op_.site));
@@ -379,11 +379,18 @@ Expected Stand::Try(const Plan& plan, int error_before, std::string* complaint)
         CompareRecord();
     }
     Leave(happened.result, std::move(state), error_before);
+    Expect(!Locks().foreign, "the lock of another unit was taken, or given back");
     *complaint = complaint_;
     return expected;
 }
 
 // --- what comes of it ----------------------------------------------------------------------
+
+// Ricoh's unit has none.
+pthread_mutex_t* Stand::OwnLock() const
+{
+    return slots_ ? &zel_dev[kZelUnit].lock : units_ ? &mivo_dev[kMivoUnit].lock : nullptr;
+}
 
 bool Stand::IsLockFree()
 {
@@ -391,9 +398,7 @@ bool Stand::IsLockFree()
     if (watch.held != 0 || watch.odd) {
         return false;
     }
-    pthread_mutex_t* lock = slots_   ? &zel_dev[kZelUnit].lock
-                            : units_ ? &mivo_dev[kMivoUnit].lock
-                                     : nullptr;
+    pthread_mutex_t* const lock = OwnLock();
     if (lock == nullptr) {
         return true;
     }

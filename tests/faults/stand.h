@@ -58,6 +58,7 @@ private:
     void Complain(const std::string& what);
     void Expect(bool holds, const char* what);
     std::string Captured(const std::function<void()>& body);
+    pthread_mutex_t* OwnLock() const;
     bool IsLockFree();
 
     struct Other {

@@ -43,11 +43,23 @@ bool LiesIn(const Units& units, const void* object)
     return at >= first && at < first + sizeof units;
 }
 
+// The lock of the unit that a table is about; null for none.
+const pthread_mutex_t*& OwnLock()
+{
+    static const pthread_mutex_t* lock = nullptr;
+    return lock;
+}
+
 void Note(const pthread_mutex_t* mutex, const char* line)
 {
     const cardsim::Kernel* kernel = cardsim::Kernel::Current();
-    if (kernel != nullptr && (LiesIn(zel_dev, mutex) || LiesIn(mivo_dev, mutex))) {
+    if (kernel == nullptr) {
+        return;
+    }
+    if (mutex == OwnLock()) {
         LockUses().push_back({kernel->Calls().size(), line});
+    } else if (LiesIn(zel_dev, mutex) || LiesIn(mivo_dev, mutex)) {
+        LockUses().push_back({kernel->Calls().size(), "another unit's lock"});
     }
 }
 
@@ -569,8 +581,10 @@ std::string WithLook(std::string lines, const std::string& look)
 // for ejects, then with one.
 class Traces : public testing::Test {
 protected:
-    void Follow(const std::string& path, const std::string& look, const std::vector<Row>& rows)
+    void Follow(const std::string& path, const pthread_mutex_t* lock, const std::string& look,
+                const std::vector<Row>& rows)
     {
+        OwnLock() = lock;
         for (const CardEjectCallback on_eject : {CardEjectCallback{}, CardEjectCallback{OnEject}}) {
             SCOPED_TRACE(on_eject == nullptr ? "without a callback" : "with a callback");
             Caller caller(path);
@@ -598,20 +612,22 @@ TEST_F(Traces, OfAZelSlot)
 {
     const auto slots = cardsim::ZelSlots::Create(kernel);
     slots->Insert(1, cardsim::Card::InMemory(kCardSectors));
-    Follow("/dev/spdb", "lock\nioctl(/dev/spdrb, 0x20007001) = 0\nunlock\n", kZelRows);
+    Follow("/dev/spdb", &zel_dev[1].lock, "lock\nioctl(/dev/spdrb, 0x20007001) = 0\nunlock\n",
+           kZelRows);
 }
 
 TEST_F(Traces, OfAMivoUnit)
 {
     const auto units = cardsim::MivoUnits::Create(kernel);
     units->Insert(1, cardsim::Card::InMemory(kCardSectors));
-    Follow("/dev/mivosdif1", "lock\nioctl(/dev/mivosdif1, 0x4006d300) = 0\nunlock\n", kMivoRows);
+    Follow("/dev/mivosdif1", &mivo_dev[1].lock,
+           "lock\nioctl(/dev/mivosdif1, 0x4006d300) = 0\nunlock\n", kMivoRows);
 }
 
 TEST_F(Traces, OfTheRicohHost)
 {
     cardsim::AddRicohCard(kernel, cardsim::Card::InMemory(kCardSectors));
-    Follow("/dev/sdcarda", "", kRicohRows);
+    Follow("/dev/sdcarda", nullptr, "", kRicohRows);
 }
 
 }  // namespace
