@@ -11,7 +11,6 @@
 #include <unistd.h>
 
 #include "carddev_state.h"
-#include "ricohsd/ricohsd.h"
 #include "tests/faults/calls.h"
 #include "tests/faults/lock_watch.h"
 #include "tests/faults/oddities.h"
@@ -63,6 +62,40 @@ bool IsBlank(const void* record, size_t length)
 {
     const auto* bytes = static_cast<const uint8_t*>(record);
     return std::all_of(bytes, bytes + length, [](uint8_t byte) { return byte == 0; });
+}
+
+void CopyRecords(Records* records)
+{
+    memcpy(records->zel, zel_dev, sizeof zel_dev);
+    memcpy(records->mivo, mivo_dev, sizeof mivo_dev);
+    memcpy(records->ricoh, ricoh_sd_dev, sizeof ricoh_sd_dev);
+}
+
+// `own` is a unit that may differ.
+template <size_t kUnits, typename Unit>
+bool AreAlike(const Unit (&before)[kUnits], const Unit (&after)[kUnits], const Unit* own)
+{
+    for (size_t i = 0; i < kUnits; i++) {
+        if (&after[i] != own && memcmp(&before[i], &after[i], sizeof(Unit)) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The locks stay as they are.
+template <size_t kUnits, typename Unit>
+void FillAllBut(const Unit* own, Unit (&units)[kUnits], uint8_t byte)
+{
+    for (Unit& unit : units) {
+        if (&unit == own) {
+            continue;
+        }
+        memset(static_cast<void*>(&unit), byte, sizeof unit);
+        if constexpr (requires { unit.lock; }) {
+            unit.lock = PTHREAD_MUTEX_INITIALIZER;
+        }
+    }
 }
 
 bool Matches(const ExpectedCall& expected, const cardsim::Call& call)
@@ -169,10 +202,12 @@ Stand::Stand(const Operation& operation, const std::vector<Operation>& others)
         host_ = cardsim::RicohHost::Create(*kernel_);
         host_->Insert(card_);
     }
+    FillOtherRecords(0x5C);
 }
 
 Stand::~Stand()
 {
+    FillOtherRecords(0);
     if (input_ >= 0) {
         dup2(input_, STDIN_FILENO);
         close(input_);
@@ -344,6 +379,7 @@ Stand::Happened Stand::Run(const Operation& operation, const Plan& plan, int err
     memset(subject_->sd_status, 0xEE, sizeof subject_->sd_status);
     kernel_->ClearCalls();
     locked_.clear();
+    CopyRecords(&before_);
     Inject(plan);
     happened.printed = Captured([&] {
         errno = error_before;
@@ -353,6 +389,7 @@ Stand::Happened Stand::Run(const Operation& operation, const Plan& plan, int err
     kernel_->ClearFaults();
     happened.calls = kernel_->Calls();
     happened.locked = locked_;
+    CompareOtherRecords();
     return happened;
 }
 
@@ -365,8 +402,6 @@ Expected Stand::Try(const Plan& plan, int error_before, std::string* complaint)
     }
     Captured([&] { Prepare(); });
     Variables state = StateBefore();
-    zel_before_ = zel_dev[kZelUnit];
-    mivo_before_ = mivo_dev[kMivoUnit];
     const Expected expected = rules_.Follow(plan, error_before, &state);
     const Happened happened = Run(op_, plan, error_before);
     if (expected.any_outcome) {
@@ -497,17 +532,40 @@ void Stand::CompareRecord()
     if (op_.setup.life != Life::Works) {
         return;
     }
-    const auto compare = [this](const auto& was, const auto& after) {
-        auto before = was;
-        before.io_error = after.io_error;
-        before.ejected = after.ejected;
+    const auto compare = [this](auto& before, const auto& after) {
         before.secure_buf = after.secure_buf;
         before.reg_buf = after.reg_buf;
-        before.speed_buf = after.speed_buf;
+        if constexpr (requires { after.ejected; }) {
+            before.io_error = after.io_error;
+            before.ejected = after.ejected;
+            before.speed_buf = after.speed_buf;
+        }
         Expect(memcmp(&before, &after, sizeof before) == 0, "the unit's record has changed");
     };
-    compare(zel_before_, zel_dev[kZelUnit]);
-    compare(mivo_before_, mivo_dev[kMivoUnit]);
+    if (slots_) {
+        compare(before_.zel[kZelUnit], zel_dev[kZelUnit]);
+    } else if (units_) {
+        compare(before_.mivo[kMivoUnit], mivo_dev[kMivoUnit]);
+    } else {
+        compare(before_.ricoh[0], ricoh_sd_dev[0]);
+    }
+}
+
+// So that a byte that is cleared in them shows, too.
+void Stand::FillOtherRecords(uint8_t byte)
+{
+    FillAllBut(slots_ ? &zel_dev[kZelUnit] : nullptr, zel_dev, byte);
+    FillAllBut(units_ ? &mivo_dev[kMivoUnit] : nullptr, mivo_dev, byte);
+    FillAllBut(host_ ? &ricoh_sd_dev[0] : nullptr, ricoh_sd_dev, byte);
+}
+
+// Nothing at all of the other units'.
+void Stand::CompareOtherRecords()
+{
+    Expect(AreAlike(before_.zel, zel_dev, slots_ ? &zel_dev[kZelUnit] : nullptr) &&
+               AreAlike(before_.mivo, mivo_dev, units_ ? &mivo_dev[kMivoUnit] : nullptr) &&
+               AreAlike(before_.ricoh, ricoh_sd_dev, host_ ? &ricoh_sd_dev[0] : nullptr),
+           "the record of another unit has changed");
 }
 
 void Stand::CompareData(const Operation& operation, const Expected& expected,
@@ -545,6 +603,7 @@ int64_t Stand::Continue(const Operation& operation, const Rules& rules, const ch
     Compare(expected, happened);
     CompareState(*state);
     CompareData(operation, expected, *state);
+    CompareRecord();
     if (complaint_.size() != before) {
         complaint_.insert(before, std::string(how) + operation.name + ", without faults: ");
     }
@@ -614,6 +673,7 @@ void Stand::Leave(int64_t result, Variables state, int error_before)
     if (op_.setup.no_input && open) {
         CloseByHand();
     }
+    CopyRecords(&before_);
     Captured([&] {
         if (life == Life::Closes) {
             Expect(IsBlank(&on.handle, sizeof on.handle), "the handle is not cleared");
@@ -625,6 +685,7 @@ void Stand::Leave(int64_t result, Variables state, int error_before)
             Expect(IsBlank(&on.handle, sizeof on.handle), "the handle is not cleared");
         }
     });
+    CompareOtherRecords();
     Expect(kernel_->OpenFiles() == 0, "descriptors are left over");
     Expect(kernel_->LiveBlocks() == lost_blocks_, "memory is left over");
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "carddev_state.h"
+#include "ricohsd/ricohsd.h"
 #include "sim/mivo_driver.h"
 #include "sim/ricoh_driver.h"
 #include "sim/zel_driver.h"
@@ -19,6 +20,13 @@
 #include "tests/faults/tables.h"
 
 namespace faults {
+
+// The records of all units, copied byte for byte.
+struct Records {
+    ZelDevice zel[ZEL_UNITS] = {};
+    MivoDevice mivo[MIVO_UNITS] = {};
+    RicohSdDev ricoh[1] = {};
+};
 
 class Stand {
 public:
@@ -49,6 +57,8 @@ private:
     void CompareState(const Variables& state);
     void CompareData(const Operation& operation, const Expected& expected, const Variables& state);
     void CompareRecord();
+    void CompareOtherRecords();
+    void FillOtherRecords(uint8_t byte);
     int64_t Continue(const Operation& operation, const Rules& rules, const char* how,
                      Variables* state, int error_before);
     void UseUnopened();
@@ -79,8 +89,7 @@ private:
     std::unique_ptr<Subject> subject_ = std::make_unique<Subject>();
     std::vector<bool> locked_;
     bool card_moved_ = false;
-    ZelDevice zel_before_ = {};
-    MivoDevice mivo_before_ = {};
+    Records before_;          // the last call
     size_t lost_blocks_ = 0;  // by openings that failed
     std::string complaint_;
     int input_ = -1;
