@@ -249,6 +249,39 @@ void RunAll(const std::vector<Operation>& operations)
 
 }  // namespace
 
+TEST(Rules, KnowNoOtherWords)
+{
+    constexpr const char* kWrong[] = {
+        "a | | moevd=1   | | | return 0",
+        "a | | reachd    | | | return 0",
+        "a | | =1x       | | | return 0",
+        "a | | ENONE     | | | return 0",
+        "a | | events=IM | | | return 0",
+        "a | | | | moevd=1       | return 0",
+        "a | | | | moevd+1       | return 0",
+        "a | | | | moved=fileld  | return 0",
+        "a | | | | moved+result  | return 0",
+        "a | | | | moved+answer  | return 0",
+        "a | | | | unlok         | return 0",
+        "a | | | E zel:F: {reslut} | | return 0",
+        "a | | | E zel:F: {result  | | return 0",
+        "a | | | zel:F: text       | | return 0",
+        "a | | | | | return reslut",
+        "a | | | | | retrun 0",
+        "a | | | | | b",
+        "a | | | | | return $name",
+        "a | ioctl /dev/a 0x1 trasnfer | | | | return 0",
+        "a | iotcl /dev/a 0x1          | | | | return 0",
+        "a | open /dev/a rdrw          | | | | return 0",
+        "a | | | | return 0",
+    };
+    for (const char* wrong : kWrong) {
+        EXPECT_ANY_THROW(Rules({{wrong, {}}}, {})) << wrong;
+    }
+    const char* const right = "a | ioctl /dev/a 0x1 | =0 reached moved=1 | | moved=1 | return 0";
+    EXPECT_NO_THROW(Rules({{right, {}}}, {}));
+}
+
 TEST(Faults, Zel)
 {
     RunAll(ZelOperations());

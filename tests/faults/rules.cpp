@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "tests/faults/rules.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -30,8 +31,45 @@ enum Known : size_t {
     kFiles,
     kBlocks,
 };
-constexpr const char* kKnown[] = {"card",  "changed", "saw_card", "saw_changed", "signal",
-                                  "moved", "resets",  "files",    "blocks"};
+constexpr const char* kVariables[] = {
+    "card",    "changed",    "saw_card",  "saw_changed", "signal",    "moved",    "resets",
+    "files",   "blocks",     "armed",     "callbacks",   "filled",    "io_error", "ejected",
+    "secure",  "reg",        "speed",     "retried",     "read_only", "mounted",  "has_cid",
+    "has_csd", "has_status", "has_speed", "asked",       "bad",       "errors",   "more",
+    "plain",   "result",     "retry",     "room",        "sent",      "tries",    "unread"};
+
+// Where each of them stands.
+const std::map<std::string, size_t>& Places()
+{
+    static const std::map<std::string, size_t> kPlaces = [] {
+        std::map<std::string, size_t> places;
+        for (const char* name : kVariables) {
+            places.emplace(name, places.size());
+        }
+        return places;
+    }();
+    return kPlaces;
+}
+
+size_t PlaceOf(const std::string& name)
+{
+    const auto found = Places().find(name);
+    if (found == Places().end()) {
+        throw std::logic_error("no such variable: '" + name + "'");
+    }
+    return found->second;
+}
+
+// Of each table's lines, whether a run has followed them.
+std::vector<char>& TakenLines(const char* text)
+{
+    static std::map<const char*, std::vector<char>> lines;
+    std::vector<char>& taken = lines[text];
+    if (taken.empty()) {
+        taken.resize(static_cast<size_t>(std::count(text, text + strlen(text), '\n')) + 1);
+    }
+    return taken;
+}
 
 std::string Trim(const std::string& text)
 {
@@ -40,6 +78,11 @@ std::string Trim(const std::string& text)
         return "";
     }
     return text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+bool IsRule(const std::string& line)
+{
+    return !Trim(line).empty() && !Trim(line).starts_with("#");
 }
 
 std::vector<std::string> Split(const std::string& text, char at)
@@ -73,7 +116,12 @@ int64_t Number(const std::string& text)
     if (!IsNumber(text)) {
         throw std::logic_error("not a number: '" + text + "'");
     }
-    return std::stoll(text, nullptr, 0);
+    size_t end = 0;
+    const int64_t number = std::stoll(text, &end, 0);
+    if (end != text.size()) {
+        throw std::logic_error("not a number: '" + text + "'");
+    }
+    return number;
 }
 
 int ErrnoOf(const std::string& name)
@@ -175,35 +223,62 @@ ExpectedCall CallOf(const std::vector<std::string>& words, size_t* next)
     return call;
 }
 
+// What can be returned, and printed.
+void CheckValue(const std::string& text)
+{
+    if (IsNumber(text)) {
+        Number(text);
+    } else if (text != "-errno" && text != "answer") {
+        PlaceOf(text);
+    }
+}
+
+// "E ...", "W ...", "P ..." or nothing, and names in braces.
+void CheckText(const std::string& text)
+{
+    if (text.empty()) {
+        return;
+    }
+    const bool has_prefix = text.starts_with("E ") || text.starts_with("W ");
+    if (!text.starts_with("P ") && !(has_prefix && text.find(": ") != std::string::npos)) {
+        throw std::logic_error("no line of print: " + text);
+    }
+    for (size_t at = text.find('{'); at != std::string::npos; at = text.find('{', at + 1)) {
+        const size_t end = text.find('}', at);
+        if (end == std::string::npos) {
+            throw std::logic_error("a brace is open in: " + text);
+        }
+        const std::string name = text.substr(at + 1, end - at - 1);
+        if (name != "errno") {
+            CheckValue(name);
+        }
+    }
+}
+
 }  // namespace
 
 // --- reading ---------------------------------------------------------------------
 
 Rules::Rules(const std::vector<Table>& tables, const Parameters& parameters)
 {
-    for (const char* known : kKnown) {
-        Variable(known);
-    }
     for (size_t i = 0; i < tables.size(); i++) {
         Parse(tables[i], i, parameters);
     }
-}
-
-size_t Rules::Variable(const std::string& name)
-{
-    return variables_.emplace(name, variables_.size()).first->second;
+    Link();
 }
 
 void Rules::Parse(const Table& table, size_t number, const Parameters& parameters)
 {
     const std::string prefix = std::to_string(number) + ".";
+    std::vector<char>& taken = TakenLines(table.text);
     std::istringstream lines(table.text);
     bool is_first = true;
-    for (std::string line; std::getline(lines, line);) {
-        if (Trim(line).empty() || Trim(line).starts_with("#")) {
+    size_t at = 0;
+    for (std::string line; std::getline(lines, line); at++) {
+        if (!IsRule(line)) {
             continue;
         }
-        std::vector<std::string> fields =
+        const std::vector<std::string> fields =
             Split(Fill(line, table.parameters, parameters) + " ", '|');
         if (fields.size() != 6) {
             throw std::logic_error("not six fields: " + line);
@@ -219,21 +294,37 @@ void Rules::Parse(const Table& table, size_t number, const Parameters& parameter
             first_.push_back(&steps_[name]);
             is_first = false;
         }
-        Rule rule;
-        for (const std::string& word : WordsOf(fields[2])) {
-            rule.when.push_back(ParseCondition(word));
-        }
-        rule.says = fields[3];
-        for (const std::string& word : Split(fields[4], ';')) {
-            if (!word.empty()) {
-                rule.effects.push_back(ParseEffect(word));
-            }
-        }
-        const bool ends = fields[5] == "end" || fields[5] == "last" || fields[5] == "undefined" ||
-                          fields[5].starts_with("return ");
-        rule.next = ends ? fields[5] : prefix + fields[5];
-        steps_[name].rules.push_back(std::move(rule));
+        steps_[name].rules.push_back(ParseRule(fields, prefix));
+        steps_[name].rules.back().taken = &taken[at];
     }
+}
+
+Rules::Rule Rules::ParseRule(const std::vector<std::string>& fields, const std::string& prefix)
+{
+    Rule rule = {};
+    for (const std::string& word : WordsOf(fields[2])) {
+        rule.when.push_back(ParseCondition(word));
+    }
+    rule.says = fields[3];
+    CheckText(rule.says);
+    for (const std::string& word : Split(fields[4], ';')) {
+        if (!word.empty()) {
+            rule.effects.push_back(ParseEffect(word));
+        }
+    }
+    const std::string& next = fields[5];
+    const bool returns = next.starts_with("return ");
+    if (returns && next != "return unknown") {
+        CheckValue(next.substr(7));
+    }
+    const bool ends = returns || next == "end" || next == "last" || next == "undefined";
+    rule.next = ends ? next : prefix + next;
+    return rule;
+}
+
+// Each rule with the step that it leads to.
+void Rules::Link()
+{
     for (auto& [name, step] : steps_) {
         for (Rule& rule : step.rules) {
             const auto found = steps_.find(rule.next);
@@ -244,6 +335,20 @@ void Rules::Parse(const Table& table, size_t number, const Parameters& parameter
             }
         }
     }
+}
+
+std::vector<std::string> NeverTaken(const char* text)
+{
+    const std::vector<char>& taken = TakenLines(text);
+    std::vector<std::string> never;
+    std::istringstream lines(text);
+    size_t at = 0;
+    for (std::string line; std::getline(lines, line); at++) {
+        if (IsRule(line) && taken[at] == 0) {
+            never.push_back(line);
+        }
+    }
+    return never;
 }
 
 Rules::Step Rules::ParseCall(const std::string& text)
@@ -300,7 +405,7 @@ Rules::Condition Rules::ParseCondition(const std::string& word)
         return {Of::Error, '=', ErrnoOf(word)};
     }
     const Of of = relation == 0 ? Of::Answer : Of::Variable;
-    const size_t variable = relation == 0 ? 0 : Variable(word.substr(0, relation));
+    const size_t variable = relation == 0 ? 0 : PlaceOf(word.substr(0, relation));
     if (word.substr(relation).starts_with(">=")) {
         return {of, 'G', Number(word.substr(relation + 2)), variable};
     }
@@ -316,23 +421,25 @@ Rules::Effect Rules::ParseEffect(const std::string& word)
     if (sign == std::string::npos) {
         throw std::logic_error("no effect: " + word);
     }
-    const size_t variable = Variable(word.substr(0, sign));
+    const size_t variable = PlaceOf(word.substr(0, sign));
     const std::string value = word.substr(sign + 1);
+    if (IsNumber(value)) {
+        return {word[sign], Number(value), variable};
+    }
+    if (word[sign] != '=') {
+        throw std::logic_error("only numbers are added: " + word);
+    }
     if (value == "answer") {
         return {'a', 0, variable};
     }
-    if (!IsNumber(value)) {
-        return {'v', 0, variable, Variable(value)};
-    }
-    return {word[sign], Number(value), variable};
+    return {'v', 0, variable, PlaceOf(value)};
 }
 
 // --- following ---------------------------------------------------------------------
 
 struct Rules::Machine {
     const Plan& plan;
-    const std::map<std::string, size_t>& names;
-    std::vector<int64_t> variables{};
+    std::vector<int64_t> variables = std::vector<int64_t>(std::size(kVariables));
     Expected expected = {};
     int error;
     uint64_t calls = 0;            // without frees
@@ -504,8 +611,7 @@ int64_t Rules::Machine::Value(const std::string& text) const
     if (text == "answer") {
         return answer;
     }
-    const auto found = names.find(text);
-    return found == names.end() ? 0 : variables[found->second];
+    return text == "unknown" ? 0 : variables[PlaceOf(text)];
 }
 
 void Rules::Machine::Do(const Effect& effect)
@@ -591,14 +697,10 @@ void Rules::Machine::End(const std::string& how)
 
 Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) const
 {
-    Machine machine{.plan = plan, .names = variables_, .error = error_before};
-    machine.variables.resize(variables_.size());
+    Machine machine{.plan = plan, .error = error_before};
     machine.like.resize(plan.size());
     for (const auto& [name, value] : *state) {
-        const auto own = variables_.find(name);
-        if (own != variables_.end()) {
-            machine.variables[own->second] = value;
-        }
+        machine.variables[PlaceOf(name)] = value;
     }
     size_t table = 0;
     const Step* at = first_.at(0);
@@ -611,6 +713,7 @@ Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) con
             machine.Make(*at);
         }
         const Rule& rule = machine.Choose(*at);
+        *rule.taken = 1;
         machine.Say(rule.says);
         for (const Effect& effect : rule.effects) {
             machine.Do(effect);
@@ -627,8 +730,7 @@ Expected Rules::Follow(const Plan& plan, int error_before, Variables* state) con
         }
     }
     for (auto& [name, value] : *state) {
-        const auto own = variables_.find(name);
-        value = own != variables_.end() ? machine.variables[own->second] : value;
+        value = machine.variables[PlaceOf(name)];
     }
     return std::move(machine.expected);
 }

@@ -4,33 +4,66 @@
 // to end leads to. The tables are text; this file's part is to follow them, and it knows
 // of no back-end and no operation.
 //
-// A table has a line for each rule:
+// A table has a line for each rule; empty lines and those that begin with "#" are none:
 //
 //     step | call | when | says | does | next
 //
 // A step's first rule names the call that it makes, if any; its rules are tried from the
 // top, and the first whose conditions all hold tells what is printed, what changes, and
-// which step follows. "$name" is replaced from the operation's parameters.
+// which step follows. The table's first step is where it begins. "$name" is replaced from
+// the table's parameters, or else the operation's. A word that is not listed here, and a
+// variable that is not, throws std::logic_error or std::out_of_range.
 //
 // call:  stat NODE, open NODE FLAGS, close NODE, seek NODE OFFSET, read NODE BYTES,
 //        write NODE BYTES, ioctl NODE REQUEST, poll NODE MS, sleep NS, malloc BYTES, free;
 //        further words: "transfer" (its end is signalled to the next poll), "told" (also
 //        where it fails), "reset" (which takes a signal away), "usual=N" or "usual=-ERRNO"
 //        (the driver's own result), "gone=ERRNO" (that without a card)
-// when:  <0 =0 >0 >=0 =N   the call's answer
+//        NODE is a path; FLAGS are rdwr, rdwr+sync, rdonly; numbers are decimal or 0x...
+// when:  conditions, all of which must hold; none always do
+//        =N <N >N >=N      the call's answer; 0 where the step makes none
 //        EBUSY !EBUSY      errno
 //        events=IN+OUT     poll's events are these; events=0: none
-//        events&HUP        this one is among them
+//        events&HUP        this one is among them; of IN, OUT, ERR, HUP, NVAL
 //        reached           the driver did the call's work
 //        seen              the driver saw the call
-//        name=N name<N name>N  "card" and "changed" are the card's state now, "saw_card" and
-//                          "saw_changed" what the driver last saw of it
+//        name=N name<N name>N name>=N  a variable
 // says:  "E zel:Zel_Init: text" a line, W a warning, "P text" one without a prefix; {name}
-//        a variable, {errno} its text; a "~" at the end keeps the line open
-// does:  lock; unlock; name=N; name=answer; name=other; name+N
+//        a variable, {answer} the call's, {errno} its text; a "~" at the end keeps the line
+//        open
+// does:  any of these, with ";" between them, from the left:
+//        lock  unlock      the unit's lock, taken and given back
+//        name=N  name=answer  name=other  name+N
 // next:  a step; "end" for the next table, "last" for the last one; "return N", "return
-//        name", "return -errno", "return unknown" where the result rests on memory that
-//        nobody has written; "undefined" where all that follows does
+//        name", "return answer", "return -errno", "return unknown" where the result rests on
+//        memory that nobody has written; "undefined" where all that follows does
+//
+// The variables, 0 to begin with where it is not said otherwise:
+//
+// - what is so before the operation, changes with its calls by itself, and is compared with
+//   what is so after it:
+//        card, changed     the card's state: there; removed or replaced since it was opened
+//        signal            the end of a transfer waits for the next poll
+//        resets            how many the driver has been sent
+//        files, blocks     descriptors and blocks of memory that are held
+//        moved             a transfer was carried out: what stands on the card is compared
+//                          with memory. 0 before each operation. Transfers of words, a "read"
+//                          and a "write", set it with a rule
+// - what the driver last saw of the card: saw_card, saw_changed
+// - what is so before the operation, changes by rules alone, and is compared:
+//        armed             there is somebody to tell of a card that has gone
+//        callbacks         how often that was done
+//        io_error, ejected the unit's latches
+//        secure, reg, speed  there is a copy of the SD status, the registers, the speed record
+//        retried           what the caller of a write was told
+//        read_only         what Ricoh's record says
+//        mounted           what Mivo's driver says
+//        filled            the caller was given a record, which is compared. 0 before each
+//                          operation
+//        has_cid, has_csd, has_status, has_speed  which part of it the driver has written;
+//                          0 for none. They say the same of a copy
+// - of the tables' own, for counting and for what a later rule depends on: asked, bad, errors,
+//   more, plain, result, retry, room, sent, tries, unread
 #ifndef CARDDEV_TESTS_FAULTS_RULES_H
 #define CARDDEV_TESTS_FAULTS_RULES_H
 
@@ -136,6 +169,7 @@ private:
     };
     struct Step;
     struct Rule {
+        char* taken;  // by any run
         std::vector<Condition> when;
         std::string says;
         std::vector<Effect> effects;
@@ -154,15 +188,18 @@ private:
     struct Machine;
 
     void Parse(const Table& table, size_t number, const Parameters& parameters);
+    void Link();
     static Step ParseCall(const std::string& text);
-    Condition ParseCondition(const std::string& word);
-    Effect ParseEffect(const std::string& word);
-    size_t Variable(const std::string& name);
+    static Rule ParseRule(const std::vector<std::string>& fields, const std::string& prefix);
+    static Condition ParseCondition(const std::string& word);
+    static Effect ParseEffect(const std::string& word);
 
     std::map<std::string, Step> steps_;
-    std::vector<const Step*> first_;           // each table's
-    std::map<std::string, size_t> variables_;  // where each stands
+    std::vector<const Step*> first_;  // each table's
 };
+
+// The lines of a table that no run has ever followed, whatever the parameters.
+std::vector<std::string> NeverTaken(const char* text);
 
 }  // namespace faults
 

@@ -2,6 +2,7 @@
 #include "tests/faults/stand.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -62,6 +63,27 @@ bool IsBlank(const void* record, size_t length)
 {
     const auto* bytes = static_cast<const uint8_t*>(record);
     return std::all_of(bytes, bytes + length, [](uint8_t byte) { return byte == 0; });
+}
+
+struct Bytes {
+    uint8_t* first;
+    size_t length;
+};
+
+// What a question's answer can be: one of these.
+constexpr uint8_t kUnfilled = 0xEE;
+
+std::array<Bytes, 3> AllRecordsOf(Subject* on)
+{
+    return {Bytes{reinterpret_cast<uint8_t*>(&on->info), sizeof on->info},
+            Bytes{reinterpret_cast<uint8_t*>(&on->speed), sizeof on->speed},
+            Bytes{on->sd_status, sizeof on->sd_status}};
+}
+
+bool IsFilled(const Bytes& record)
+{
+    return std::any_of(record.first, record.first + record.length,
+                       [](uint8_t byte) { return byte != kUnfilled; });
 }
 
 void CopyRecords(Records* records)
@@ -151,7 +173,8 @@ Stand::Stand(const Operation& operation, const std::vector<Operation>& others)
     for (const Operation& other : others) {
         const bool plain = other.setup.life == Life::Works && !other.setup.watched &&
                            !other.setup.gone && !other.setup.failed && !other.setup.asked &&
-                           !other.setup.protect && other.setup.sectors == kCardSectors;
+                           !other.setup.unasked && !other.setup.protect &&
+                           other.setup.sectors == kCardSectors;
         if (plain) {
             unopened_.push_back(&other);
         }
@@ -267,7 +290,12 @@ void Stand::Prepare()
         Expect(DevDetect(&on.handle) == 0, "set-up: not detected");
     }
     if (setup.life == Life::Works || setup.life == Life::Closes) {
+        if (setup.unasked) {
+            // Without the size nothing else is asked for.
+            kernel_->Inject({.request = 0x20001260, .error = EIO});
+        }
         Expect(DevInit(&on.handle) == 0, "set-up: not opened");
+        kernel_->ClearFaults();
         if (setup.asked) {
             SdStatus(on);
             Info(on);
@@ -303,7 +331,7 @@ Variables Stand::StateBefore() const
     const Setup& setup = op_.setup;
     const bool open = setup.life == Life::Works || setup.life == Life::Closes;
     // An opened Zel device has been asked for its size.
-    const bool known = open && (setup.asked || op_.site == Site::Zel);
+    const bool known = open && (setup.asked || (op_.site == Site::Zel && !setup.unasked));
     int64_t resets = 0;
     bool mounted = false;
     if (slots_) {
@@ -374,9 +402,9 @@ void Stand::Inject(const Plan& plan)
 Stand::Happened Stand::Run(const Operation& operation, const Plan& plan, int error_before)
 {
     Happened happened;
-    memset(&subject_->info, 0xEE, sizeof subject_->info);
-    memset(&subject_->speed, 0xEE, sizeof subject_->speed);
-    memset(subject_->sd_status, 0xEE, sizeof subject_->sd_status);
+    for (const Bytes& record : AllRecordsOf(subject_.get())) {
+        memset(record.first, kUnfilled, record.length);
+    }
     kernel_->ClearCalls();
     locked_.clear();
     CopyRecords(&before_);
@@ -411,6 +439,9 @@ Expected Stand::Try(const Plan& plan, int error_before, std::string* complaint)
         Compare(expected, happened);
         CompareState(state);
         CompareData(op_, expected, state);
+        if (plan.empty()) {
+            DoubtData(expected, state);
+        }
         CompareRecord();
     }
     Leave(happened.result, std::move(state), error_before);
@@ -584,12 +615,38 @@ void Stand::CompareData(const Operation& operation, const Expected& expected,
         Fill(pattern.data(), pattern.size(), 0x11);
         Expect(sectors == pattern, "the card's data have changed");
     }
-    if (operation.verify != nullptr) {
-        const std::string wrong = operation.verify(*subject_, card_->model(), state);
-        if (!wrong.empty()) {
-            Complain(wrong);
+    if (operation.verify == nullptr) {
+        for (const Bytes& record : AllRecordsOf(subject_.get())) {
+            Expect(!IsFilled(record), "a record was filled that nobody compares");
+        }
+        return;
+    }
+    Expect(expected.result != 0 || state.at("filled") != 0, "success, and no record to compare");
+    const std::string wrong = operation.verify(*subject_, card_->model(), state);
+    if (!wrong.empty()) {
+        Complain(wrong);
+    }
+}
+
+// Without faults an operation that succeeds has moved its data, and each byte that it gave is
+// one that another one in its place would be noticed for.
+void Stand::DoubtData(const Expected& expected, const Variables& state)
+{
+    Expect(op_.moves == Moves::Nothing || expected.result < 0 || state.at("moved") != 0,
+           "success, and no data to compare");
+    if (op_.verify == nullptr || expected.result != 0) {
+        return;
+    }
+    size_t compared = 0;
+    for (const Bytes& record : AllRecordsOf(subject_.get())) {
+        for (size_t i = 0; IsFilled(record) && i < record.length; i++, compared++) {
+            record.first[i] ^= 0x10;
+            Expect(!op_.verify(*subject_, card_->model(), state).empty(),
+                   "a byte of a record that is not compared");
+            record.first[i] ^= 0x10;
         }
     }
+    Expect(compared != 0, "success, and no record is filled");
 }
 
 // A further call, without faults.

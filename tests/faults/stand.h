@@ -56,6 +56,7 @@ private:
     void Compare(const Expected& expected, const Happened& happened);
     void CompareState(const Variables& state);
     void CompareData(const Operation& operation, const Expected& expected, const Variables& state);
+    void DoubtData(const Expected& expected, const Variables& state);
     void CompareRecord();
     void CompareOtherRecords();
     void FillOtherRecords(uint8_t byte);

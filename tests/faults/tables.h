@@ -41,6 +41,7 @@ struct Setup {
     bool changed = false;   // ... and another one has come
     bool failed = false;    // a direct transfer gave up before
     bool asked = false;     // registers, SD status and speed record are known
+    bool unasked = false;   // ... are not, though Zel's opening asks for them: it could not
     bool protect = false;   // the card is write-protected
     bool old = false;       // the driver counts it as of a version that is not supported
     bool no_input = false;  // the program has closed its standard input: 0 is free

@@ -627,6 +627,7 @@ std::vector<Operation> ZelOperations()
     }
     for (const Form& form : Questions()) {
         Add(&operations, form, ", asked before", {.watched = true, .asked = true});
+        Add(&operations, form, ", not asked", {.watched = true, .unasked = true});
     }
     for (const Form& form : RealTime()) {
         Add(&operations, form, "", {});
@@ -659,6 +660,7 @@ std::vector<Operation> ZelOperations()
     const Form exit = {"Exit", {{kExit, {}}}, {}, Exit};
     Add(&operations, exit, "", {.life = Life::Closes});
     Add(&operations, exit, ", asked before", {.life = Life::Closes, .asked = true});
+    Add(&operations, exit, ", not asked", {.life = Life::Closes, .unasked = true});
     Add(&operations, exit, ", after a failure", {.life = Life::Closes, .failed = true});
     return operations;
 }
