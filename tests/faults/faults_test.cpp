@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <set>
+#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -231,6 +233,22 @@ private:
     int complaints_ = 0;
 };
 
+// Some rules are for two faults at once.
+void ExpectAllTaken(const std::vector<Operation>& operations)
+{
+    std::set<const char*> texts;
+    for (const Operation& operation : operations) {
+        for (const Table& table : operation.tables) {
+            texts.insert(table.text);
+        }
+    }
+    for (const char* text : texts) {
+        for (const std::string& rule : NeverTaken(text)) {
+            ADD_FAILURE() << "never taken: " << rule;
+        }
+    }
+}
+
 void RunAll(const std::vector<Operation>& operations)
 {
     Counts counts;
@@ -245,6 +263,9 @@ void RunAll(const std::vector<Operation>& operations)
     EXPECT_LT(0u, counts.operations);
     EXPECT_LT(0u, counts.singles);
     EXPECT_LT(0u, counts.pairs);
+    if (kPairStep == 1) {
+        ExpectAllTaken(operations);
+    }
 }
 
 }  // namespace

@@ -8,10 +8,10 @@ namespace faults {
 namespace {
 
 // The card is looked for, if anyone asked for that to be noticed. An answer of 1 is the
-// driver's word for a card that was removed.
+// driver's word for a card that was removed. A record that is not filled shows no card.
 constexpr char kCheck[] = R"(
 check  |                       | armed=0            | |                         | end
-check  |                       |                    | | lock                    | ask
+check  |                       |                    | | saw_card=0; lock        | ask
 ask    | ioctl $C 0x4006D300   | =0 saw_card=1      | | unlock                  | end
 ask    |                       | =0                 | | unlock; ejected=1; callbacks+1 | end
 ask    |                       | =1                 | | unlock; ejected=1; callbacks+1 | end
@@ -112,11 +112,13 @@ answer |                       | ejected=1          | |                         
 answer |                       |                    | |                         | return 0
 )";
 
+// What nobody has written is anything.
 constexpr char kSdStatus[] = R"(
 begin  |                       | ejected=1          | | bad+1                   | $gone
 begin  |                       | secure=1           | | filled=1                | $good
 begin  |                       |                    | |                         | fetch
-fetch  | ioctl $C 0x4001D317 gone=ENODEV | =0       | | filled=1                | keep
+fetch  | ioctl $C 0x4001D317 gone=ENODEV | =0 reached | | filled=1; has_status=1  | keep
+fetch  |                       | =0                 | | filled=1; has_status=0  | keep
 fetch  |                       |                    | E mivosdif:Mivo_CardSecureGetInfo: Cannot sd status! | bad+1 | $bad
 keep   | malloc 64             | <0                 | E mivosdif:Mivo_CardSecureGetInfo: Malloc secure buffer failed : {errno} | bad+1 | $bad
 keep   |                       |                    | | secure=1                | $good
@@ -127,23 +129,28 @@ constexpr char kInfo[] = R"(
 begin  |                       | ejected=1          | | bad+1                   | $gone
 begin  |                       | reg=1              | | filled=1                | $good
 begin  |                       |                    | | filled=1; has_cid=0; has_csd=0 | cid
-cid    | ioctl $C 0x4001D314 gone=ENODEV | =0       | | has_cid=1               | csd
+cid    | ioctl $C 0x4001D314 gone=ENODEV | =0 reached | | has_cid=1             | csd
+cid    |                       | =0                 | |                         | csd
 cid    |                       | reached            | E mivosdif:Mivo_CardGetInfo: Cannot get cid! | has_cid=1 | csd
 cid    |                       |                    | E mivosdif:Mivo_CardGetInfo: Cannot get cid! |           | csd
-csd    | ioctl $C 0x4001D315 gone=ENODEV | =0       | | has_csd=2               | keep
+csd    | ioctl $C 0x4001D315 gone=ENODEV | =0 reached | | has_csd=2             | keep
+csd    |                       | =0                 | |                         | keep
 csd    |                       | reached            | E mivosdif:Mivo_CardGetInfo: Cannot get csd! | has_csd=2 | keep
 csd    |                       |                    | E mivosdif:Mivo_CardGetInfo: Cannot get csd! |           | keep
 keep   | malloc 32             | <0                 | E mivosdif:Mivo_CardGetInfo: Malloc register buffer failed : {errno} | bad+1 | $bad
 keep   |                       |                    | | reg=1                   | $good
 )";
 
+// Two answers; what nobody has written of them is zero.
 constexpr char kSpeed[] = R"(
 begin  |                       | ejected=1          | |                         | return 65531
 begin  |                       | speed=1            | | filled=1                | return 0
-begin  |                       |                    | |                         | params
+begin  |                       |                    | | has_speed=0             | params
 params | ioctl $C 0x4030D30F gone=ENODEV | <0       | E mivosdif:Mivo_CardGetSpeedInfo: MIVOSDIF_IOC_GET_CARD_PARAMS failed : {errno} | | return 10
+params |                       | reached            | | has_speed+1             | scr
 params |                       |                    | |                         | scr
-scr    | ioctl $C 0x4001D316 gone=ENODEV | =0       | | filled=1; has_speed=1   | keep
+scr    | ioctl $C 0x4001D316 gone=ENODEV | =0 reached | | filled=1; has_speed+2 | keep
+scr    |                       | =0                 | | filled=1                | keep
 scr    |                       |                    | E mivosdif:Mivo_CardGetSpeedInfo: Cannot sd scr! | | return 10
 keep   | malloc 32             | <0                 | E mivosdif:Mivo_CardGetSpeedInfo: Malloc speed info buffer failed : {errno} | | return 10
 keep   |                       |                    | | speed=1                 | return 0
@@ -156,11 +163,14 @@ size   | ioctl $C 0x4030D30F gone=ENODEV | <0       | E mivosdif:Mivo_CardGetSiz
 size   |                       | reached            | |                         | end
 size   |                       |                    | | unread=1                | end
 )";
-// A CSD of zeros says that blocks are too short to hold a sector.
+// A size that nobody has written is 0, that of a small card. A CSD of zeros says that blocks
+// are too short to hold a sector.
 constexpr char kSizeEnd[] = R"(
 size   |                       | bad>0              | |                         | return 10
-size   |                       | unread=1           | |                         | return unknown
+size   |                       | has_status=0       | |                         | return unknown
+size   |                       | has_csd=2 unread=1 | |                         | return $SMALL_SIZE
 size   |                       | has_csd=2          | |                         | return $SIZE
+size   |                       | unread=1           | |                         | return 0
 size   |                       |                    | |                         | return $ZERO_SIZE
 )";
 
@@ -199,7 +209,8 @@ chr    |                       |                    | |                         
 mount  | ioctl $C 0x2000D318 gone=ENODEV | <0 seen  | E mivosdif:Mivo_Init: MIVOSDIF_IOC_MNTFS ioctl[$C] failed : {errno} | mounted=0 | chr_
 mount  |                       | <0                 | E mivosdif:Mivo_Init: MIVOSDIF_IOC_MNTFS ioctl[$C] failed : {errno} | | chr_
 mount  |                       | reached            | | result=answer; mounted=1 | table
-mount  |                       |                    | | result=answer; mounted=0 | table
+mount  |                       | seen               | | result=answer; mounted=0 | table
+mount  |                       |                    | | result=answer           | table
 table  | malloc 16392          | <0                 | E mivosdif:Mivo_Init: Malloc sg table failed : {errno} | | chr_
 table  |                       |                    | |                         | clear
 clear  | poll $C 1             |                    | P Wrapper low-level driver for SD card-CardBus adaptor ver.0.11 | | return result
@@ -208,7 +219,8 @@ chr_   | close $C              |                    | |                         
 
 constexpr char kExit[] = R"(
 umount | ioctl $C 0x2000D319   | <0                 | E mivosdif:Mivo_Exit: MIVOSDIF_IOC_UMNTFS ioctl[$C] failed : {errno} | | clear
-umount |                       |                    | | mounted=0               | clear
+umount |                       | reached            | | mounted=0               | clear
+umount |                       |                    | |                         | clear
 clear  | poll $C 1             |                    | |                         | table
 table  | free                  |                    | |                         | caches
 caches |                       | secure=1           | |                         | secure
@@ -269,7 +281,7 @@ const Parameters kWithin = {{"gone", "end"}, {"good", "end"}, {"bad", "end"}};
 
 std::string VerifySdStatus(const Subject& on, const sim_card& card, const Variables& state)
 {
-    if (state.at("filled") == 0) {
+    if (state.at("filled") == 0 || state.at("has_status") == 0) {
         return "";
     }
     return memcmp(on.sd_status, card.sd_status, sizeof on.sd_status) == 0
@@ -296,9 +308,14 @@ std::string VerifySpeed(const Subject& on, const sim_card& card, const Variables
     if (state.at("filled") == 0) {
         return "";
     }
-    // 10: the allocation unit is of 16384 sectors.
-    const CardSpeedInfo speed = {
-        {card.sd_status[15], card.scr[3], card.sd_status[8], card.sd_status[14], 10}};
+    CardSpeedInfo speed = {};
+    if ((state.at("has_speed") & 1) != 0) {
+        // 10: the allocation unit is of 16384 sectors.
+        speed = {{card.sd_status[15], 0, card.sd_status[8], card.sd_status[14], 10}};
+    }
+    if ((state.at("has_speed") & 2) != 0) {
+        speed.bytes[1] = card.scr[3];
+    }
     return memcmp(&speed, &on.speed, sizeof speed) == 0 ? "" : "the speed record is wrong";
 }
 
@@ -409,7 +426,9 @@ std::vector<Form> Misuses()
     };
 }
 
-Form SizeForm(const char* size, const char* zero_size)
+// As the driver's size has the registers read; as those of a small card; as those of one whose
+// CSD is of zeros.
+Form SizeForm(const char* size, const char* small_size, const char* zero_size)
 {
     return {"CardGetSize",
             {{kCheck, {}},
@@ -419,7 +438,7 @@ Form SizeForm(const char* size, const char* zero_size)
              {kCheck, {}},
              {kInfo, kWithin},
              {kSizeEnd, {}}},
-            {{"SIZE", size}, {"ZERO_SIZE", zero_size}},
+            {{"SIZE", size}, {"SMALL_SIZE", small_size}, {"ZERO_SIZE", zero_size}},
             Size};
 }
 
@@ -438,7 +457,7 @@ std::vector<Form> Questions()
          VerifySdStatus},
         {"CardGetInfo", {check, {kInfo, kAlone}}, {}, Info, Moves::Nothing, VerifyInfo},
         {"CardGetSpeedInfo", {check, {kSpeed, {}}}, {}, Speed, Moves::Nothing, VerifySpeed},
-        SizeForm("2048", "0"),
+        SizeForm("2048", "2048", "0"),
         {"CardGetWriteProtect", {check, {kProtection, {}}}, {{"protected", "0"}}, Protection},
         {"CardIoctl2", {check, {kCommand, {}}}, {{"REQUEST", "0x8001D327"}}, Command<2>},
         {"CardIoctl3", {check, {kCommand, {}}}, {{"REQUEST", "0x8001D328"}}, Command<3>},
@@ -495,7 +514,7 @@ std::vector<Operation> MivoOperations()
     for (const Form& form : Questions()) {
         Add(&operations, form, ", asked before", {.watched = true, .asked = true});
     }
-    Add(&operations, SizeForm("4194304", "1024"), ", of 2 GiB",
+    Add(&operations, SizeForm("4194304", "256", "1024"), ", of 2 GiB",
         {.watched = true, .sectors = 4194304});
     const Form protection = {
         "CardGetWriteProtect", {{kCheck, {}}, {kProtection, {}}}, {{"protected", "1"}}, Protection};

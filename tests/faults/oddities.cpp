@@ -16,6 +16,9 @@ namespace {
 // A failure that leaves errno as it was.
 constexpr Oddity kMute = {.name = "fails without errno", .result = -1};
 
+// What a question's record holds then is what its asker has put there.
+constexpr Oddity kUnwritten = {.name = "accepted, nothing written", .result = 0};
+
 std::vector<Oddity> Errors(std::initializer_list<int> errors)
 {
     std::vector<Oddity> oddities;
@@ -83,10 +86,11 @@ const std::vector<Oddity>& OddResults()
 
 const std::vector<Oddity>& AllOf(const ExpectedCall& call)
 {
-    static const std::vector<Oddity> kRequest =
+    static const std::vector<Oddity> kAny =
         Errors({EBUSY, ENODEV, EIO, ENOMEDIUM, ENXIO, EINTR, EAGAIN, ENOMEM, ENOTTY, EINVAL}) +
         std::vector<Oddity>{kMute} + OddResults();
-    static const std::vector<Oddity> kTransfer = kRequest + HalfDone();
+    static const std::vector<Oddity> kRequest = kAny + std::vector<Oddity>{kUnwritten};
+    static const std::vector<Oddity> kTransfer = kAny + HalfDone();
     static const std::vector<Oddity> kPoll =
         Errors({EINTR, EBUSY, ENODEV, ENOMEM, EINVAL}) +
         std::vector<Oddity>{kMute,
@@ -149,7 +153,8 @@ const std::vector<Oddity>& AllOf(const ExpectedCall& call)
 const std::vector<Oddity>& SomeOf(const ExpectedCall& call)
 {
     static const std::vector<Oddity> kRequest =
-        Errors({EBUSY, ENODEV, EIO}) + std::vector<Oddity>{OddResults()[0], OddResults()[1]};
+        Errors({EBUSY, ENODEV, EIO}) +
+        std::vector<Oddity>{OddResults()[0], OddResults()[1], kUnwritten};
     static const std::vector<Oddity> kTransfer =
         Errors({EBUSY, ENODEV, EIO}) +
         std::vector<Oddity>{HalfDone()[0], HalfDone()[2], OddResults()[0]};

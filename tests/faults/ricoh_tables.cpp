@@ -46,7 +46,8 @@ keep   |                       |                    | | reg=1                   
 
 constexpr char kSize[] = R"(
 ask    | ioctl $B 0x400478FC gone=ENODEV | <0                 | E zel:RicohSD_CardGetSize: BLKGETSIZE failed : {errno} | | return 0
-ask    |                       |                    | |                         | return 2048
+ask    |                       | reached            | |                         | return 2048
+ask    |                       |                    | |                         | return 0
 )";
 
 constexpr char kDetect[] = R"(

@@ -481,8 +481,10 @@ const Planted* Rules::Machine::Due(const ExpectedCall& call)
 // What the driver says, and what its work changes.
 int64_t Rules::Machine::Usual(const Step& step)
 {
-    variables[kSawCard] = variables[kCard];
-    variables[kSawChanged] = variables[kChanged];
+    if (step.call->kind == CallKind::Ioctl) {
+        variables[kSawCard] = variables[kCard];
+        variables[kSawChanged] = variables[kChanged];
+    }
     if (step.gone != 0 && variables[kCard] == 0) {
         return -step.gone;
     }

@@ -49,7 +49,7 @@
 //        moved             a transfer was carried out: what stands on the card is compared
 //                          with memory. 0 before each operation. Transfers of words, a "read"
 //                          and a "write", set it with a rule
-// - what the driver last saw of the card: saw_card, saw_changed
+// - what the driver saw of the card at the last ioctl that it saw: saw_card, saw_changed
 // - what is so before the operation, changes by rules alone, and is compared:
 //        armed             there is somebody to tell of a card that has gone
 //        callbacks         how often that was done
@@ -61,7 +61,8 @@
 //        filled            the caller was given a record, which is compared. 0 before each
 //                          operation
 //        has_cid, has_csd, has_status, has_speed  which part of it the driver has written;
-//                          0 for none. They say the same of a copy
+//                          0 for none. They say the same of a copy; has_speed=3: both of
+//                          Mivo's answers
 // - of the tables' own, for counting and for what a later rule depends on: asked, bad, errors,
 //   more, plain, result, retry, room, sent, tries, unread
 #ifndef CARDDEV_TESTS_FAULTS_RULES_H

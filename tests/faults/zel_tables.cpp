@@ -8,10 +8,10 @@ namespace faults {
 namespace {
 
 // The card is looked for, if anyone asked for that to be noticed. A busy driver is asked ten
-// times; one that says "not yet" without end.
+// times; one that says "not yet" without end. A record that no try has filled shows no card.
 constexpr char kCheck[] = R"(
 check  |                       | armed=0            | | asked=0                 | end
-check  |                       |                    | | asked=0; lock           | ask
+check  |                       |                    | | asked=0; saw_card=0; lock | ask
 ask    | ioctl $C 0x20007001   | =0 saw_card=1 saw_changed=0 | | unlock                 | end
 ask    |                       | =0                 | | unlock; ejected=1; callbacks+1 | end
 ask    |                       | >0                 | |                         | ask
@@ -123,12 +123,14 @@ answer |                       | ejected=1          | |                         
 answer |                       |                    | |                         | return 0
 )";
 
-// Three answers to a question, and from then on a copy of the first.
+// Three answers to a question, and from then on a copy of the first. What nobody has written
+// is anything.
 constexpr char kSdStatus[] = R"(
 begin  |                       | ejected=1          | | bad+1                   | $gone
 begin  |                       | secure=1           | | filled=1                | $good
 begin  |                       |                    | |                         | fetch
-fetch  | ioctl $D 0x20007005 gone=ENODEV | =0       | | filled=1                | keep
+fetch  | ioctl $D 0x20007005 gone=ENODEV | =0 reached | | filled=1; has_status=1  | keep
+fetch  |                       | =0                 | | filled=1; has_status=0  | keep
 fetch  |                       |                    | E zel:Zel_CardSecureGetInfo: Cannot get card params! | bad+1 | $bad
 keep   | malloc 64             | <0                 | E zel:Zel_CardSecureGetInfo: Malloc secure buffer failed : {errno} | bad+1 | $bad
 keep   |                       |                    | | secure=1                | $good
@@ -140,10 +142,12 @@ constexpr char kInfo[] = R"(
 begin  |                       | ejected=1          | | bad+1                   | $gone
 begin  |                       | reg=1              | | filled=1                | $good
 begin  |                       |                    | | filled=1                | cid
-cid    | ioctl $D 0x20007005 gone=ENODEV | =0       | | room=1; has_cid=1       | csd
+cid    | ioctl $D 0x20007005 gone=ENODEV | =0 reached | | room=1; has_cid=1     | csd
+cid    |                       | =0                 | | room=0; has_cid=0       | csd
 cid    |                       | reached            | E zel:Zel_CardGetInfo: Cannot get card params! | room=1; has_cid=1 | csd
 cid    |                       |                    | E zel:Zel_CardGetInfo: Cannot get card params! | room=0; has_cid=0 | csd
-csd    | ioctl $D 0x20007005 gone=ENODEV | =0       | | has_csd=2               | keep
+csd    | ioctl $D 0x20007005 gone=ENODEV | =0 reached | | has_csd=2             | keep
+csd    |                       | =0                 | | has_csd=room            | keep
 csd    |                       | reached            | E zel:Zel_CardGetInfo: Cannot get card params! | has_csd=2 | keep
 csd    |                       |                    | E zel:Zel_CardGetInfo: Cannot get card params! | has_csd=room | keep
 keep   | malloc 32             | <0                 | E zel:Zel_CardGetInfo: Malloc register buffer failed : {errno} | bad+1 | $bad
@@ -154,7 +158,8 @@ constexpr char kSpeed[] = R"(
 begin  |                       | ejected=1          | |                         | return 65531
 begin  |                       | speed=1            | | filled=1                | return 0
 begin  |                       |                    | |                         | fetch
-fetch  | ioctl $D 0x20007005 gone=ENODEV | =0       | | filled=1; has_speed=1   | keep
+fetch  | ioctl $D 0x20007005 gone=ENODEV | =0 reached | | filled=1; has_speed=1 | keep
+fetch  |                       | =0                 | | filled=1; has_speed=0   | keep
 fetch  |                       | reached            | E zel:Zel_CardGetSpeedInfo: Cannot get card params! | filled=1; has_speed=1 | keep
 fetch  |                       |                    | E zel:Zel_CardGetSpeedInfo: Cannot get card params! | filled=1; has_speed=0 | keep
 keep   | malloc 32             | <0                 | E zel:Zel_CardGetSpeedInfo: Malloc speed info buffer failed : {errno} | | return 10
@@ -168,11 +173,14 @@ size   | ioctl $B 0x20001260 gone=ENODEV | <0       | E zel:Zel_CardGetSize: ioc
 size   |                       | reached            | |                         | end
 size   |                       |                    | | unread=1                | end
 )";
-// With the CID in the CSD's place blocks are too short to hold a sector.
+// A size that nobody has written is 0, that of a small card. With the CID in the CSD's place
+// blocks are too short to hold a sector.
 constexpr char kSizeEnd[] = R"(
 size   |                       | bad>0              | |                         | return 10
-size   |                       | unread=1           | |                         | return unknown
+size   |                       | has_status=0       | |                         | return unknown
+size   |                       | has_csd=2 unread=1 | |                         | return $SMALL_SIZE
 size   |                       | has_csd=2          | |                         | return $SIZE
+size   |                       | has_csd=1 unread=1 | |                         | return 0
 size   |                       | has_csd=1          | |                         | return $CID_SIZE
 size   |                       |                    | |                         | return unknown
 )";
@@ -212,7 +220,8 @@ begin  |                       |                    | |                         
 
 constexpr char kRealTime[] = R"(
 ask    | ioctl $R $REQUEST     | <0                 | E zel:$F: $WORD ioctl failed : {errno} | | return -errno
-ask    |                       |                    | |                         | return $GOOD
+ask    |                       | reached            | |                         | return $GOOD
+ask    |                       |                    | |                         | return 0
 )";
 constexpr char kRealTimeLock[] = R"(
 ask    | ioctl $R $REQUEST     | <0                 | E zel:$F: $WORD failed : {errno} | | return 0
@@ -226,19 +235,20 @@ stat   | stat $D               | <0                 | E drv:DevDetect: stat[$D] 
 stat   |                       |                    | |                         | return 0
 )";
 
-// A version that nobody has written is 0, and refused.
+// A version that nobody has written is anything.
 constexpr char kInit[] = R"(
 dev    | open $D rdwr gone=ENOMEDIUM | <0                  | E zel:Zel_Init: open[$D] failed : {errno} | | return -1
 dev    |                       |                    | |                         | mount
 mount  | ioctl $D 0x2000BC0A gone=ENODEV | <0                 | E zel:Zel_Init: BLKMNTFS ioctl[$D] failed : {errno} | | dev_
-mount  |                       |                    | | result=answer; changed=0 | blk
+mount  |                       | reached            | | result=answer; changed=0 | blk
+mount  |                       |                    | | result=answer           | blk
 blk    | open $B rdwr gone=ENOMEDIUM | <0                  | E zel:Zel_Init: open[$B] failed : {errno} | | dev_
 blk    |                       |                    | |                         | chr
 chr    | open $C rdwr          | <0                 | E zel:Zel_Init: open[$C] failed : {errno} | | blk_
 chr    |                       |                    | |                         | ident
 ident  | ioctl $C 0x20007016 gone=ENODEV | <0                 | E zel:Zel_Init: Identify device[$C] failed : {errno} | | chr_
 ident  |                       | reached            | $OLD |                      | $known
-ident  |                       |                    | E zel:Zel_Init: Not support Spec00 : $C | | chr_
+ident  |                       |                    | |                         | undefined
 chr_   | close $C              |                    | |                         | blk_
 blk_   | close $B              |                    | |                         | dev_
 dev_   | close $D              |                    | |                         | return -1
@@ -246,12 +256,20 @@ dev_   | close $D              |                    | |                         
 // A size that cannot be asked for is 10 sectors, and those registers are not looked at then.
 constexpr char kInitSize[] = R"(
 size   | ioctl $B 0x20001260 gone=ENODEV | <0                 | E zel:Zel_CardGetSize: ioctl(BLKGETSIZE) failed : {errno} | | last
+size   |                       | reached            | |                         | end
+size   |                       |                    | | unread=1                | end
+)";
+// Without an SD status the size is anything.
+constexpr char kInitKnown[] = R"(
+size   |                       | bad>0              | |                         | end
+size   |                       | has_status=0       | |                         | undefined
 size   |                       |                    | |                         | end
 )";
 // Cards of more than 512 GiB are refused, by what their CSD says, or the CID in its place. One
-// of 10 sectors is not.
+// of 10 sectors is not, and one that is taken for a small one is not.
 constexpr char kInitOver[] = R"(
 size   |                       | bad>0              | |                         | end
+size   |                       | unread=1           | |                         | end
 size   |                       | has_csd=2          | P ** OVER 2TB : 1073742848 | | over
 size   |                       | has_csd=1          | P ** OVER 2TB : 3238085632 | | over
 size   |                       |                    | |                         | undefined
@@ -343,7 +361,7 @@ const Parameters kWithin = {{"gone", "end"}, {"good", "end"}, {"bad", "end"}};
 
 std::string VerifySdStatus(const Subject& on, const sim_card& card, const Variables& state)
 {
-    if (state.at("filled") == 0) {
+    if (state.at("filled") == 0 || state.at("has_status") == 0) {
         return "";
     }
     return memcmp(on.sd_status, card.sd_status, sizeof on.sd_status) == 0
@@ -480,7 +498,9 @@ std::vector<Form> Misuses()
     };
 }
 
-Form SizeForm(const char* size, const char* cid_size)
+// As the driver's size has the registers read; as those of a small card; as those of one whose
+// CSD the CID stands in for.
+Form SizeForm(const char* size, const char* small_size, const char* cid_size)
 {
     return {"CardGetSize",
             {{kCheck, {}},
@@ -490,7 +510,7 @@ Form SizeForm(const char* size, const char* cid_size)
              {kCheck, {}},
              {kInfo, kWithin},
              {kSizeEnd, {}}},
-            {{"SIZE", size}, {"CID_SIZE", cid_size}},
+            {{"SIZE", size}, {"SMALL_SIZE", small_size}, {"CID_SIZE", cid_size}},
             Size};
 }
 
@@ -508,7 +528,7 @@ std::vector<Form> Questions()
          VerifySdStatus},
         {"CardGetInfo", {{kCheck, {}}, {kInfo, kAlone}}, {}, Info, Moves::Nothing, VerifyInfo},
         {"CardGetSpeedInfo", {{kCheck, {}}, {kSpeed, {}}}, {}, Speed, Moves::Nothing, VerifySpeed},
-        SizeForm("2048", "0"),
+        SizeForm("2048", "2048", "0"),
         {"CardGetWriteProtect",
          {{kCheck, {}}, {kProtection, {}}},
          {{"protected", "0"}},
@@ -632,7 +652,7 @@ std::vector<Operation> ZelOperations()
     for (const Form& form : RealTime()) {
         Add(&operations, form, "", {});
     }
-    Form size = SizeForm("4194304", "-1056881664");
+    Form size = SizeForm("4194304", "256", "-1056881664");
     Add(&operations, size, ", of 2 GiB", {.watched = true, .sectors = 4194304});
     const Form protection = {
         "CardGetWriteProtect", {{kCheck, {}}, {kProtection, {}}}, {{"protected", "1"}}, Protection};
@@ -644,7 +664,7 @@ std::vector<Operation> ZelOperations()
     const Parameters old_card = {{"OLD", "E zel:Zel_Init: Not support Spec3F : /dev/spdrc"},
                                  {"known", "chr_"}};
     const std::vector<Table> asked = {
-        {kInit, {}}, {kInitSize, {}}, {kSdStatus, kWithin}, {kInfo, kWithin}};
+        {kInit, {}}, {kInitSize, {}}, {kSdStatus, kWithin}, {kInfo, kWithin}, {kInitKnown, {}}};
     std::vector<Table> all = asked;
     all.push_back({kInitEnd, {}});
     std::vector<Table> over = asked;
