@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
 // Each operation on each path through it, with every fault at every call that it makes, once
-// and for good, and with every pair of faults: of those that are told from one another, or of
-// all where CARDDEV_EVERY_PAIR is in the environment. What must come of it is worked out from
-// the tables beside this file; the last thing each time is the same call again without faults,
-// another one, and the end of the device.
+// and for good, with every errno there is, and with every pair of faults: of those that are told
+// from one another, or of all where CARDDEV_EVERY_PAIR is in the environment. What must come of it
+// is worked out from the tables beside this file; the last thing each time is the same call again
+// without faults, another one, and the end of the device.
 //
 // What is refused without any call, such as a bad handle, is in backends/calls_test.cpp.
 #include <cerrno>
@@ -42,6 +42,7 @@ constexpr uint64_t kMostTries = 13;  // one more than any operation makes
 struct Counts {
     uint64_t operations = 0;
     uint64_t singles = 0;
+    uint64_t errors = 0;  // each errno there is
     uint64_t pairs = 0;
 };
 
@@ -137,6 +138,7 @@ public:
         const std::vector<ExpectedCall> calls = WithoutFrees(Try({}, kErrorOfPairs));
         for (size_t at = 0; at < calls.size(); at++) {
             Limits(calls, at, counts);
+            EachError(calls, at, counts);
             for (const Oddity& oddity : WithCardMoves(OfPairs(calls[at]))) {
                 for (const Planted& first : Both(calls, at, oddity)) {
                     Pairs(first, counts);
@@ -158,6 +160,16 @@ private:
             const Oddity oddity = {.name = strerrorname_np(death), .error = death};
             Try(DeadFrom(calls, at, oddity), error);
             counts->singles++;
+        }
+    }
+
+    void EachError(const std::vector<ExpectedCall>& calls, size_t at, Counts* counts)
+    {
+        for (const Oddity& oddity : AllErrors(calls[at])) {
+            if (errors_++ % kPairStep == 0) {
+                Try({At(calls, at, oddity, false)}, kErrorOfPairs);
+                counts->errors++;
+            }
         }
     }
 
@@ -229,6 +241,7 @@ private:
 
     const Operation& operation_;
     Stand stand_;
+    uint64_t errors_ = 0;
     uint64_t pairs_ = 0;
     int complaints_ = 0;
 };
@@ -256,12 +269,14 @@ void RunAll(const std::vector<Operation>& operations)
         SCOPED_TRACE(operation.name);
         Enumerator(operation, operations).Run(&counts);
     }
-    std::printf("%llu operations and paths, %llu single faults, %llu pairs\n",
+    std::printf("%llu operations and paths, %llu single faults, %llu errors, %llu pairs\n",
                 static_cast<unsigned long long>(counts.operations),
                 static_cast<unsigned long long>(counts.singles),
+                static_cast<unsigned long long>(counts.errors),
                 static_cast<unsigned long long>(counts.pairs));
     EXPECT_LT(0u, counts.operations);
     EXPECT_LT(0u, counts.singles);
+    EXPECT_LT(0u, counts.errors);
     EXPECT_LT(0u, counts.pairs);
     if (kPairStep == 1) {
         ExpectAllTaken(operations);

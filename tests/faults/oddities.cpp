@@ -13,6 +13,8 @@ using cardsim::CallKind;
 
 namespace {
 
+constexpr int kLastError = 133;
+
 // A failure that leaves errno as it was.
 constexpr Oddity kMute = {.name = "fails without errno", .result = -1};
 
@@ -148,6 +150,31 @@ const std::vector<Oddity>& AllOf(const ExpectedCall& call)
             break;
     }
     return kNone;
+}
+
+const std::vector<Oddity>& AllErrors(const ExpectedCall& call)
+{
+    static const std::vector<Oddity> kAll = [] {
+        std::vector<Oddity> all;
+        for (int error = 1; error <= kLastError; error++) {
+            if (strerrorname_np(error) != nullptr) {
+                all.push_back({.name = strerrorname_np(error), .error = error});
+            }
+        }
+        return all;
+    }();
+    static const std::vector<Oddity> kNone;
+    switch (call.kind) {
+        case CallKind::Ioctl:
+        case CallKind::Read:
+        case CallKind::Write:
+        case CallKind::Open:
+        case CallKind::Poll:
+        case CallKind::Malloc:
+            return kAll;
+        default:
+            return kNone;
+    }
 }
 
 const std::vector<Oddity>& SomeOf(const ExpectedCall& call)

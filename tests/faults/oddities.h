@@ -13,6 +13,9 @@ namespace faults {
 // All of them: for single faults.
 const std::vector<Oddity>& AllOf(const ExpectedCall& call);
 
+// Each errno there is, where a call can have one that decides what follows.
+const std::vector<Oddity>& AllErrors(const ExpectedCall& call);
+
 // One for each way that is told from the others: for pairs.
 const std::vector<Oddity>& SomeOf(const ExpectedCall& call);
 
