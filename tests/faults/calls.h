@@ -16,18 +16,20 @@ struct Pieces {
     MemoryChunkArray* list() { return reinterpret_cast<MemoryChunkArray*>(this); }
 };
 
-// Two pieces that do not follow one another in memory's order.
-inline Pieces PiecesOf(const Subject& on)
+// Two pieces that do not follow one another: each has its entry in a table.
+inline Pieces PiecesOf(Subject& on)
 {
-    return {2, {{on.memory.address(), 512}, {on.memory.address() + 512, 512}}};
+    on.second = kApart;
+    return {2, {{on.memory.address(), 512}, {on.memory.address() + kApart, 512}}};
 }
 
-inline MemoryArray ArrayOf(const Subject& on)
+inline MemoryArray ArrayOf(Subject& on)
 {
+    on.second = kApart;
     MemoryArray array = {};
     array.count = 2;
     array.addr[0] = on.memory.address();
-    array.addr[1] = on.memory.address() + 512;
+    array.addr[1] = on.memory.address() + kApart;
     array.len[0] = array.len[1] = 512;
     return array;
 }
@@ -120,10 +122,11 @@ int64_t DirectWriteArray(Subject& on)
 }
 
 struct Elements {
-    explicit Elements(const Subject& on)
-        : second{on.memory.address() + 512, 1, kSector + 1, nullptr},
+    explicit Elements(Subject& on)
+        : second{on.memory.address() + kApart, 1, kSector + 1, nullptr},
           first{on.memory.address(), 1, kSector, &second}
     {
+        on.second = kApart;
     }
     BlockListEntry second;
     BlockListEntry first;

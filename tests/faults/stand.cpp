@@ -65,14 +65,20 @@ bool IsBlank(const void* record, size_t length)
     return std::all_of(bytes, bytes + length, [](uint8_t byte) { return byte == 0; });
 }
 
-// So that what an operation reads without having written it is not zero by chance. As a
-// record of Zel's or Mivo's, this says that a card is there and is the same as before.
+// As a record of Zel's or Mivo's, this says that a card is there and is the same as before.
+constexpr std::array<uint8_t, 4096> kSoil = [] {
+    std::array<uint8_t, 4096> soil{};
+    for (size_t i = 0; i < soil.size(); i++) {
+        soil[i] = i % 2 == 0 ? 0xA7 : 0xA3;
+    }
+    return soil;
+}();
+
+// So that what an operation reads without having written it is not zero by chance.
 __attribute__((noinline)) void SoilStack()
 {
-    alignas(16) uint8_t bytes[4096];
-    for (size_t i = 0; i < sizeof bytes; i++) {
-        bytes[i] = i % 2 == 0 ? 0xA7 : 0xA3;
-    }
+    alignas(16) uint8_t bytes[kSoil.size()];
+    memcpy(bytes, kSoil.data(), sizeof bytes);
     __asm__ volatile("" : : "r"(bytes) : "memory");
 }
 
@@ -95,6 +101,15 @@ bool IsFilled(const Bytes& record)
 {
     return std::any_of(record.first, record.first + record.length,
                        [](uint8_t byte) { return byte != kUnfilled; });
+}
+
+// The sectors as they lie in memory.
+std::vector<uint8_t> DataIn(const uint8_t* memory, uint32_t second)
+{
+    std::vector<uint8_t> data(size_t{kMoved} * 512);
+    memcpy(data.data(), memory, 512);
+    memcpy(data.data() + 512, memory + second, 512);
+    return data;
 }
 
 void CopyRecords(Records* records)
@@ -419,6 +434,9 @@ Stand::Happened Stand::Run(const Operation& operation, const Plan& plan, int err
     kernel_->ClearCalls();
     locked_.clear();
     CopyRecords(&before_);
+    subject_->second = 512;
+    memory_before_.assign(subject_->memory.data(),
+                          subject_->memory.data() + subject_->memory.size());
     Inject(plan);
     happened.printed = Captured([&] {
         SoilStack();
@@ -617,14 +635,19 @@ void Stand::CompareOtherRecords()
 void Stand::CompareData(const Operation& operation, const Expected& expected,
                         const Variables& state)
 {
+    const uint32_t second = subject_->second;
     std::vector<uint8_t> sectors(size_t{kMoved} * 512);
     std::vector<uint8_t> pattern(sectors.size());
+    CompareMemory(operation);
     sim_card_read(&card_->model(), uint64_t{kSector} * 512, sectors.data(), kMoved * 512);
     if (operation.moves != Moves::Nothing && expected.result >= 0 && state.at("moved") != 0) {
-        Expect(memcmp(sectors.data(), subject_->memory.data(), sectors.size()) == 0,
-               "memory and card differ");
+        Expect(sectors == DataIn(subject_->memory.data(), second), "memory and card differ");
         // After a further operation either may have been there first.
-        Fill(pattern.data(), pattern.size(), op_.moves == Moves::FromCard ? 0x11 : 0x88);
+        if (op_.moves == Moves::FromCard) {
+            Fill(pattern.data(), pattern.size(), 0x11);
+        } else {
+            pattern = DataIn(memory_before_.data(), second);
+        }
         Expect(&operation != &op_ || sectors == pattern, "the data are wrong");
     } else if (&operation == &op_ && op_.moves != Moves::ToCard) {
         Fill(pattern.data(), pattern.size(), 0x11);
@@ -641,6 +664,31 @@ void Stand::CompareData(const Operation& operation, const Expected& expected,
     if (!wrong.empty()) {
         Complain(wrong);
     }
+}
+
+// Reading fills the sectors' room and nothing else, and no other transfer fills anything. The
+// largest record of a request of words has 36 bytes.
+void Stand::CompareMemory(const Operation& operation)
+{
+    constexpr size_t kWords = 36;
+    const uint8_t* const now = subject_->memory.data();
+    const uint8_t* const before = memory_before_.data();
+    const size_t length = memory_before_.size();
+    const size_t second = subject_->second;
+    bool alike = false;
+    switch (operation.moves) {
+        case Moves::FromCard:
+            alike = memcmp(now + 512, before + 512, second - 512) == 0 &&
+                    memcmp(now + second + 512, before + second + 512, length - second - 512) == 0;
+            break;
+        case Moves::ToCard:
+            alike = memcmp(now, before, length) == 0;
+            break;
+        case Moves::Nothing:
+            alike = memcmp(now + kWords, before + kWords, length - kWords) == 0;
+            break;
+    }
+    Expect(alike, "memory has changed that is not the call's");
 }
 
 // Without faults an operation that succeeds has moved its data, and each byte that it gave is

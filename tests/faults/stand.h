@@ -56,6 +56,7 @@ private:
     void Compare(const Expected& expected, const Happened& happened);
     void CompareState(const Variables& state);
     void CompareData(const Operation& operation, const Expected& expected, const Variables& state);
+    void CompareMemory(const Operation& operation);
     void DoubtData(const Expected& expected, const Variables& state);
     void CompareRecord();
     void CompareOtherRecords();
@@ -90,7 +91,8 @@ private:
     std::unique_ptr<Subject> subject_ = std::make_unique<Subject>();
     std::vector<bool> locked_;
     bool card_moved_ = false;
-    Records before_;          // the last call
+    Records before_;  // the last call
+    std::vector<uint8_t> memory_before_;
     size_t lost_blocks_ = 0;  // by openings that failed
     std::string complaint_;
     int input_ = -1;

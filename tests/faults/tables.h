@@ -16,14 +16,16 @@
 
 namespace faults {
 
-constexpr uint32_t kSector = 4;  // where transfers begin
-constexpr uint32_t kMoved = 2;   // sectors of a transfer
+constexpr uint32_t kSector = 4;    // where transfers begin
+constexpr uint32_t kMoved = 2;     // sectors of a transfer
+constexpr uint32_t kApart = 1024;  // from one piece of memory to another, with a gap between them
 constexpr uint32_t kUntouched = 0xABABABAB;
 
 // What the operations work on.
 struct Subject {
     DrvInfo handle = {};
-    cardsim::LowBuffer memory{size_t{kMoved} * 512};
+    cardsim::LowBuffer memory{3 * 512};
+    uint32_t second = 512;  // where in it the second sector's data are
     uint32_t retried = kUntouched;
     CardInfo info = {};
     CardSpeedInfo speed = {};
