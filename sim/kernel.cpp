@@ -156,6 +156,9 @@ int64_t Kernel::Finish(Call call, const std::optional<Fault>& fault, int64_t res
     }
     const int64_t answer = call.result;
     const int error = call.error;
+    if (watcher_) {
+        watcher_(call);
+    }
     if (keep_calls_.load()) {
         const std::lock_guard<std::mutex> lock(lock_);
         calls_.push_back(std::move(call));

@@ -117,6 +117,9 @@ public:
     void ClearFaults();
     void ClearFaults(const std::string& node);  // that name this node
 
+    // Shown each call, with its answer, before the program gets that. For one thread.
+    void Watch(std::function<void(const Call&)> watcher) { watcher_ = std::move(watcher); }
+
     // Everything since the last ClearCalls, in the order of the answers.
     std::vector<Call> Calls() const;
     void ClearCalls();
@@ -168,6 +171,7 @@ private:
     std::map<std::string, Node> nodes_;
     std::map<int, std::shared_ptr<OpenFile>> files_;
     std::vector<Planned> faults_;
+    std::function<void(const Call&)> watcher_;
     std::vector<Call> calls_;
     std::map<void*, size_t> blocks_;
     std::chrono::nanoseconds now_{0};

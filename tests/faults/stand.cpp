@@ -82,7 +82,7 @@ __attribute__((noinline)) void SoilStack()
     __asm__ volatile("" : : "r"(bytes) : "memory");
 }
 
-struct Bytes {
+struct Room {
     uint8_t* first;
     size_t length;
 };
@@ -90,23 +90,74 @@ struct Bytes {
 // What a question's answer can be: one of these.
 constexpr uint8_t kUnfilled = 0xEE;
 
-std::array<Bytes, 3> AllRecordsOf(Subject* on)
+std::array<Room, 3> AllRecordsOf(Subject* on)
 {
-    return {Bytes{reinterpret_cast<uint8_t*>(&on->info), sizeof on->info},
-            Bytes{reinterpret_cast<uint8_t*>(&on->speed), sizeof on->speed},
-            Bytes{on->sd_status, sizeof on->sd_status}};
+    return {Room{reinterpret_cast<uint8_t*>(&on->info), sizeof on->info},
+            Room{reinterpret_cast<uint8_t*>(&on->speed), sizeof on->speed},
+            Room{on->sd_status, sizeof on->sd_status}};
 }
 
-bool IsFilled(const Bytes& record)
+bool IsFilled(const Room& record)
 {
     return std::any_of(record.first, record.first + record.length,
                        [](uint8_t byte) { return byte != kUnfilled; });
 }
 
-// The sectors as they lie in memory.
-std::vector<uint8_t> DataIn(const uint8_t* memory, uint32_t second)
+void Append(Bytes* bytes, uint32_t address, size_t length)
 {
-    std::vector<uint8_t> data(size_t{kMoved} * 512);
+    const auto* const first = reinterpret_cast<const uint8_t*>(uintptr_t{address});
+    bytes->insert(bytes->end(), first, first + length);
+}
+
+// A word of a record, in the processor's own order.
+uint32_t WordOf(const Bytes& bytes, size_t at)
+{
+    uint32_t word = 0;
+    memcpy(&word, &bytes[at], sizeof word);
+    return word;
+}
+
+// The record of a transfer's request and what it points to; of other requests nothing.
+Bytes SentWith(uint32_t request, uintptr_t argument)
+{
+    const auto record = static_cast<uint32_t>(argument);
+    Bytes sent;
+    switch (request) {
+        case 0x2000700C:
+        case 0x2000700D:
+        case 0x20007018:
+        case 0x8010D325:
+        case 0xC010D324:
+        case 0x8010D32E:
+            // {sector, sectors, table, its bytes}
+            Append(&sent, record, 16);
+            Append(&sent, WordOf(sent, 8), WordOf(sent, 12));
+            break;
+        case 0x2000701D:
+        case 0x2000702A:
+        case 0x800CD326:
+        case 0x800CD32A:
+            // {count, 0, elements of four words}
+            Append(&sent, record, 12);
+            Append(&sent, WordOf(sent, 8), size_t{WordOf(sent, 0)} * 16);
+            break;
+        case 0x2000701E:
+        case 0x8008D32B:
+            // {two bytes, padding, address of {argument, length, table, its bytes}}
+            Append(&sent, record, 8);
+            Append(&sent, WordOf(sent, 4), 16);
+            Append(&sent, WordOf(sent, 16), WordOf(sent, 20));
+            break;
+        default:
+            break;
+    }
+    return sent;
+}
+
+// The sectors as they lie in memory.
+Bytes DataIn(const uint8_t* memory, uint32_t second)
+{
+    Bytes data(size_t{kMoved} * 512);
     memcpy(data.data(), memory, 512);
     memcpy(data.data() + 512, memory + second, 512);
     return data;
@@ -343,7 +394,7 @@ void Stand::Prepare()
     if (setup.gone || setup.changed) {
         Move(setup.gone ? CardMove::Leaves : CardMove::IsExchanged);
     }
-    std::vector<uint8_t> sectors(size_t{kMoved} * 512);
+    Bytes sectors(size_t{kMoved} * 512);
     Fill(sectors.data(), sectors.size(), 0x11);
     card_->model().write_protected = false;
     sim_card_write(&card_->model(), uint64_t{kSector} * 512, sectors.data(), kMoved * 512);
@@ -396,7 +447,6 @@ Variables Stand::StateBefore() const
 
 void Stand::Inject(const Plan& plan)
 {
-    const auto look = [this] { locked_.push_back(Locks().held > 0); };
     for (const Planted& planted : plan) {
         cardsim::Fault fault;
         fault.kind = planted.mark.kind;
@@ -411,43 +461,60 @@ void Stand::Inject(const Plan& plan)
         fault.revents = planted.oddity.events;
         fault.reach_driver = planted.oddity.reaches;
         fault.at_most = planted.oddity.at_most;
-        fault.then = [this, look, move = planted.oddity.card] {
-            look();
-            if (move != CardMove::Stays) {
-                Move(move);
-            }
-        };
+        if (planted.oddity.card != CardMove::Stays) {
+            fault.then = [this, move = planted.oddity.card] { Move(move); };
+        }
         kernel_->Inject(fault);
     }
-    cardsim::Fault watch;
-    watch.times = cardsim::Fault::kForEver;
-    watch.then = look;
-    kernel_->Inject(watch);
+}
+
+// At each call that an operation makes. A further try is the same request once more, with the
+// same record and the same table.
+void Stand::Look(const cardsim::Call& call)
+{
+    if (call.kind == CallKind::Free) {
+        return;
+    }
+    locked_.push_back(Locks().held > 0);
+    if (call.kind != CallKind::Ioctl) {
+        return;
+    }
+    Bytes sent = SentWith(call.request, call.argument);
+    if (sent_.empty()) {
+        sent_ = std::move(sent);
+    } else {
+        sent_otherwise_ = sent_otherwise_ || (!sent.empty() && sent != sent_);
+    }
 }
 
 Stand::Happened Stand::Run(const Operation& operation, const Plan& plan, int error_before)
 {
     Happened happened;
-    for (const Bytes& record : AllRecordsOf(subject_.get())) {
+    for (const Room& record : AllRecordsOf(subject_.get())) {
         memset(record.first, kUnfilled, record.length);
     }
     kernel_->ClearCalls();
     locked_.clear();
+    sent_.clear();
+    sent_otherwise_ = false;
     CopyRecords(&before_);
     subject_->second = 512;
     memory_before_.assign(subject_->memory.data(),
                           subject_->memory.data() + subject_->memory.size());
     Inject(plan);
     happened.printed = Captured([&] {
+        kernel_->Watch([this](const cardsim::Call& call) { Look(call); });
         SoilStack();
         errno = error_before;
         happened.result = operation.run(*subject_);
         happened.error = errno;
     });
+    kernel_->Watch({});
     kernel_->ClearFaults();
     happened.calls = kernel_->Calls();
     happened.locked = locked_;
     CompareOtherRecords();
+    Expect(!sent_otherwise_, "a further try went with another record or another table");
     return happened;
 }
 
@@ -636,8 +703,8 @@ void Stand::CompareData(const Operation& operation, const Expected& expected,
                         const Variables& state)
 {
     const uint32_t second = subject_->second;
-    std::vector<uint8_t> sectors(size_t{kMoved} * 512);
-    std::vector<uint8_t> pattern(sectors.size());
+    Bytes sectors(size_t{kMoved} * 512);
+    Bytes pattern(sectors.size());
     CompareMemory(operation);
     sim_card_read(&card_->model(), uint64_t{kSector} * 512, sectors.data(), kMoved * 512);
     if (operation.moves != Moves::Nothing && expected.result >= 0 && state.at("moved") != 0) {
@@ -654,7 +721,7 @@ void Stand::CompareData(const Operation& operation, const Expected& expected,
         Expect(sectors == pattern, "the card's data have changed");
     }
     if (operation.verify == nullptr) {
-        for (const Bytes& record : AllRecordsOf(subject_.get())) {
+        for (const Room& record : AllRecordsOf(subject_.get())) {
             Expect(!IsFilled(record), "a record was filled that nobody compares");
         }
         return;
@@ -701,7 +768,7 @@ void Stand::DoubtData(const Expected& expected, const Variables& state)
         return;
     }
     size_t compared = 0;
-    for (const Bytes& record : AllRecordsOf(subject_.get())) {
+    for (const Room& record : AllRecordsOf(subject_.get())) {
         for (size_t i = 0; IsFilled(record) && i < record.length; i++, compared++) {
             record.first[i] ^= 0x10;
             Expect(!op_.verify(*subject_, card_->model(), state).empty(),

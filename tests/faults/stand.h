@@ -21,6 +21,8 @@
 
 namespace faults {
 
+using Bytes = std::vector<uint8_t>;
+
 // The records of all units, copied byte for byte.
 struct Records {
     ZelDevice zel[ZEL_UNITS] = {};
@@ -52,6 +54,7 @@ private:
     void Prepare();
     Happened Run(const Operation& operation, const Plan& plan, int error_before);
     void Inject(const Plan& plan);
+    void Look(const cardsim::Call& call);
     Variables StateBefore() const;
     void Compare(const Expected& expected, const Happened& happened);
     void CompareState(const Variables& state);
@@ -90,9 +93,11 @@ private:
     std::shared_ptr<cardsim::RicohHost> host_;
     std::unique_ptr<Subject> subject_ = std::make_unique<Subject>();
     std::vector<bool> locked_;
+    Bytes sent_;  // with the first transfer's request of a call
+    bool sent_otherwise_ = false;
     bool card_moved_ = false;
     Records before_;  // the last call
-    std::vector<uint8_t> memory_before_;
+    Bytes memory_before_;
     size_t lost_blocks_ = 0;  // by openings that failed
     std::string complaint_;
     int input_ = -1;
