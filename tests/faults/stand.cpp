@@ -264,6 +264,8 @@ Stand::Stand(const Operation& operation, const std::vector<Operation>& others)
         input_ = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 100);
         close(STDIN_FILENO);
     }
+    sectors_ = card_->model().media;
+    card_->model().media = {ReadCard, WriteCard, this, nullptr};
     // A CID that says, read as a CSD, that blocks are shorter than a sector.
     for (size_t i = 0; i < sizeof card_->model().cid; i++) {
         card_->model().cid[i] = static_cast<uint8_t>(0xC0 + i * 16);
@@ -314,6 +316,23 @@ Stand::~Stand()
     }
     fclose(console_);
     free(text_);
+}
+
+int Stand::ReadCard(void* self, uint64_t position, void* to, uint32_t length)
+{
+    const sim_media& sectors = static_cast<Stand*>(self)->sectors_;
+    return sectors.read(sectors.context, position, to, length);
+}
+
+int Stand::WriteCard(void* self, uint64_t position, const void* from, uint32_t length)
+{
+    constexpr uint64_t kFirst = uint64_t{kSector} * 512;
+    constexpr uint64_t kEnd = kFirst + kMoved * 512;
+    auto* const stand = static_cast<Stand*>(self);
+    stand->wrote_ = true;
+    stand->wrote_elsewhere_ =
+        stand->wrote_elsewhere_ || position < kFirst || position + length > kEnd;
+    return stand->sectors_.write(stand->sectors_.context, position, from, length);
 }
 
 std::string Stand::Captured(const std::function<void()>& body)
@@ -497,6 +516,7 @@ Stand::Happened Stand::Run(const Operation& operation, const Plan& plan, int err
     locked_.clear();
     sent_.clear();
     sent_otherwise_ = false;
+    wrote_ = wrote_elsewhere_ = false;
     CopyRecords(&before_);
     subject_->second = 512;
     memory_before_.assign(subject_->memory.data(),
@@ -706,6 +726,7 @@ void Stand::CompareData(const Operation& operation, const Expected& expected,
     Bytes sectors(size_t{kMoved} * 512);
     Bytes pattern(sectors.size());
     CompareMemory(operation);
+    CompareWrites(operation);
     sim_card_read(&card_->model(), uint64_t{kSector} * 512, sectors.data(), kMoved * 512);
     if (operation.moves != Moves::Nothing && expected.result >= 0 && state.at("moved") != 0) {
         Expect(sectors == DataIn(subject_->memory.data(), second), "memory and card differ");
@@ -756,6 +777,13 @@ void Stand::CompareMemory(const Operation& operation)
             break;
     }
     Expect(alike, "memory has changed that is not the call's");
+}
+
+// All other sectors of the card stay as they are.
+void Stand::CompareWrites(const Operation& operation)
+{
+    Expect(!wrote_elsewhere_, "sectors were written that are not the call's");
+    Expect(!wrote_ || operation.moves == Moves::ToCard, "the card was written to");
 }
 
 // Without faults an operation that succeeds has moved its data, and each byte that it gave is

@@ -60,6 +60,9 @@ private:
     void CompareState(const Variables& state);
     void CompareData(const Operation& operation, const Expected& expected, const Variables& state);
     void CompareMemory(const Operation& operation);
+    void CompareWrites(const Operation& operation);
+    static int ReadCard(void* self, uint64_t position, void* to, uint32_t length);
+    static int WriteCard(void* self, uint64_t position, const void* from, uint32_t length);
     void DoubtData(const Expected& expected, const Variables& state);
     void CompareRecord();
     void CompareOtherRecords();
@@ -87,6 +90,9 @@ private:
     std::vector<const Operation*> unopened_;
     size_t turn_ = 0;
     std::shared_ptr<cardsim::Card> card_;
+    sim_media sectors_ = {};  // the card's own
+    bool wrote_ = false;      // to the card
+    bool wrote_elsewhere_ = false;
     std::unique_ptr<cardsim::Kernel> kernel_ = std::make_unique<cardsim::Kernel>();
     std::shared_ptr<cardsim::ZelSlots> slots_;
     std::shared_ptr<cardsim::MivoUnits> units_;
