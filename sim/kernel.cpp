@@ -144,7 +144,7 @@ static uint32_t Limit(const std::optional<Fault>& fault, size_t length)
 }
 
 // Turn the driver's result into libc's, overrule it where a fault says so, and
-// record the call. The program's errno changes only where the call failed.
+// record the call. The program's errno changes only where the call failed, or a fault says so.
 int64_t Kernel::Finish(Call call, const std::optional<Fault>& fault, int64_t result,
                        ErrnoKeeper& program)
 {
@@ -155,7 +155,8 @@ int64_t Kernel::Finish(Call call, const std::optional<Fault>& fault, int64_t res
         call.error = fault->error;
     }
     const int64_t answer = call.result;
-    const int error = call.error;
+    const bool is_stray = fault && call.error == 0 && answer >= 0;
+    const int error = is_stray ? fault->stray_error : call.error;
     if (watcher_) {
         watcher_(call);
     }

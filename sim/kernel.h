@@ -95,6 +95,7 @@ struct Fault {
     std::optional<short> revents = {};     // Poll: the events to answer
     bool reach_driver = false;             // with error or result: do the work all the same
     std::optional<uint32_t> at_most = {};  // Read, Write: bytes that get through
+    int stray_error = 0;                   // errno that a call leaves which has not failed
     std::function<void()> then = {};       // run before the program gets its answer
 };
 

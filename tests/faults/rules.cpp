@@ -533,6 +533,8 @@ void Rules::Machine::Make(const Step& step)
     }
     if (call.error != 0) {
         error = call.error;
+    } else if (odd != nullptr && odd->stray_error != 0 && call.result >= 0) {
+        error = odd->stray_error;
     }
     call.locked = locked;
     answer = call.result;

@@ -88,6 +88,7 @@ struct Oddity {
     std::optional<short> events = {};
     bool reaches = false;  // the driver does the work all the same
     std::optional<uint32_t> at_most = {};
+    int stray_error = 0;  // errno where it has not failed
     CardMove card = CardMove::Stays;
 };
 

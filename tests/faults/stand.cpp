@@ -480,6 +480,7 @@ void Stand::Inject(const Plan& plan)
         fault.revents = planted.oddity.events;
         fault.reach_driver = planted.oddity.reaches;
         fault.at_most = planted.oddity.at_most;
+        fault.stray_error = planted.oddity.stray_error;
         if (planted.oddity.card != CardMove::Stays) {
             fault.then = [this, move = planted.oddity.card] { Move(move); };
         }

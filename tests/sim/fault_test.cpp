@@ -249,6 +249,25 @@ TEST_F(FaultTest, AnswersAResultWithAnError)
     EXPECT_EQ(-5, kernel.Calls().back().result);
 }
 
+TEST_F(FaultTest, LeavesAnErrnoWhereACallSucceeds)
+{
+    Fault fault;
+    fault.stray_error = EBUSY;
+    fault.times = 3;
+    kernel.Inject(fault);
+    errno = 0;
+    EXPECT_EQ(0, ioctl(fd, 1, nullptr));
+    EXPECT_EQ(EBUSY, errno);
+    errno = 0;
+    uint8_t byte = 0;
+    EXPECT_EQ(1, read(block, &byte, 1));
+    EXPECT_EQ(EBUSY, errno);
+    // One that fails says so itself.
+    EXPECT_EQ(-1, lseek64(block, -1, SEEK_SET));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(0, kernel.Calls().front().error);
+}
+
 TEST_F(FaultTest, AnswersWideResults)
 {
     Fault fault;
