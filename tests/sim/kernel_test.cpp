@@ -449,6 +449,24 @@ TEST_F(KernelTest, RecordsEveryCall)
     EXPECT_TRUE(kernel.Calls().empty());
 }
 
+TEST_F(KernelTest, ShowsEachCallBeforeItIsAnswered)
+{
+    std::vector<std::string> shown;
+    kernel.Watch([&](const cardsim::Call& call) {
+        shown.push_back(cardsim::Describe(call));
+        errno = EXFULL;
+    });
+    const int fd = open64(kProbe, O_RDWR);
+    errno = 0;
+    ioctl(fd, 5, nullptr);
+    EXPECT_EQ(0, errno);
+    kernel.Watch({});
+    close(fd);
+    EXPECT_EQ(
+        (std::vector<std::string>{"open64(/dev/probe, O_RDWR)", "ioctl(/dev/probe, 0x5) = 0"}),
+        shown);
+}
+
 TEST_F(KernelTest, KeepsNoRecordOnRequest)
 {
     kernel.KeepCalls(false);
