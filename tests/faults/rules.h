@@ -40,17 +40,17 @@
 //
 // The variables, 0 to begin with where it is not said otherwise:
 //
-// - what is so before the operation, changes with its calls by itself, and is compared with
-//   what is so after it:
+// - what is so before the operation, changes with its calls by itself, and but for the card's
+//   state is compared with what is so after it:
 //        card, changed     the card's state: there; removed or replaced since it was opened
 //        signal            the end of a transfer waits for the next poll
 //        resets            how many the driver has been sent
 //        files, blocks     descriptors and blocks of memory that are held
 //        moved             a transfer was carried out: what stands on the card is compared
-//                          with memory. 0 before each operation. Transfers of words, a "read"
-//                          and a "write", set it with a rule
+//                          with memory. 0 before each operation. A "transfer" sets it; of a
+//                          "read" or "write" a rule does
 // - what the driver saw of the card at the last ioctl that it saw: saw_card, saw_changed
-// - what is so before the operation, changes by rules alone, and is compared:
+// - what is so before the operation, changes by rules alone, and but for "armed" is compared:
 //        armed             there is somebody to tell of a card that has gone
 //        callbacks         how often that was done
 //        io_error, ejected the unit's latches

@@ -117,7 +117,8 @@ uint32_t WordOf(const Bytes& bytes, size_t at)
     return word;
 }
 
-// The record of a transfer's request and what it points to; of other requests nothing.
+// The record of a transfer's request, Zel's or Mivo's, and what it points to; of other
+// requests nothing.
 Bytes SentWith(uint32_t request, uintptr_t argument)
 {
     const auto record = static_cast<uint32_t>(argument);
@@ -129,7 +130,7 @@ Bytes SentWith(uint32_t request, uintptr_t argument)
         case 0x8010D325:
         case 0xC010D324:
         case 0x8010D32E:
-            // {sector, sectors, table, its bytes}
+            // Direct reads and writes: {sector, sectors, table, its bytes}
             Append(&sent, record, 16);
             Append(&sent, WordOf(sent, 8), WordOf(sent, 12));
             break;
@@ -137,13 +138,13 @@ Bytes SentWith(uint32_t request, uintptr_t argument)
         case 0x2000702A:
         case 0x800CD326:
         case 0x800CD32A:
-            // {count, 0, elements of four words}
+            // DrctRMW and FatWrite: {count, 0, address of elements of four words}
             Append(&sent, record, 12);
             Append(&sent, WordOf(sent, 8), size_t{WordOf(sent, 0)} * 16);
             break;
         case 0x2000701E:
         case 0x8008D32B:
-            // {two bytes, padding, address of {argument, length, table, its bytes}}
+            // SdCmdWrite: {two bytes, padding, address of {argument, length, table, its bytes}}
             Append(&sent, record, 8);
             Append(&sent, WordOf(sent, 4), 16);
             Append(&sent, WordOf(sent, 16), WordOf(sent, 20));
