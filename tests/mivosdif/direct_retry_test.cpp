@@ -460,6 +460,34 @@ TEST_P(MivoRetry, FollowsTheTableWherePrintingFails)
     }
 }
 
+// Nothing counts answers that are no failures: a driver that never finishes is asked for as
+// long as it says so.
+TEST_P(MivoRetry, AsksAnUnfinishedDriverWithoutEnd)
+{
+    constexpr uint64_t kUnfinished = 100'000;
+    Prepare();
+    Fault unfinished;
+    unfinished.request = GetParam().request;
+    unfinished.times = kUnfinished;
+    unfinished.result = 7;
+    kernel.Inject(unfinished);
+    Fault told;
+    told.kind = CallKind::Poll;
+    told.times = kUnfinished;
+    told.revents = POLLOUT;
+    kernel.Inject(told);
+    const std::chrono::nanoseconds started = kernel.Now();
+    uint32_t retried = 0;
+    EXPECT_EQ("", Printed([&] { EXPECT_EQ(GetParam().success, Run(&retried)); }));
+    EXPECT_EQ(started, kernel.Now());
+    EXPECT_EQ(2 * (kUnfinished + 1) + (GetParam().allocates ? 2 : 0), kernel.Calls().size());
+    ExpectArguments();
+    ExpectMoved();
+    EXPECT_EQ(0u, retried);
+    EXPECT_EQ(0, dev.io_error);
+    EXPECT_TRUE(LockIsFree());
+}
+
 // Two failures are borne by each call, not by each device.
 TEST_P(MivoRetry, CountsAfreshInEachCall)
 {

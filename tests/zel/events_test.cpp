@@ -217,6 +217,28 @@ TEST_F(ZelEject, AsksABusyDriverTenTimes)
     }
 }
 
+// Such an answer is no failure, and nothing counts it.
+TEST_F(ZelEject, AsksAgainWithoutEnd)
+{
+    constexpr uint64_t kUnanswered = 100'000;
+    for (const bool gone : {false, true}) {
+        SCOPED_TRACE(gone);
+        if (gone) {
+            slots->Eject(kUnit);
+        }
+        kernel.ClearCalls();
+        AnswerRequest(kGetStatus, 3, kUnanswered);
+        const std::chrono::nanoseconds started = kernel.Now();
+        EXPECT_EQ("", Printed([&] { Zel_CheckEject(&dev); }));
+        EXPECT_EQ(kUnanswered + 1, kernel.Calls().size());
+        EXPECT_EQ(Ioctl(kGetStatus), TraceOf(kernel).back());
+        EXPECT_EQ(started, kernel.Now());
+        EXPECT_EQ(gone ? 1 : 0, dev.ejected);
+        EXPECT_EQ(gone ? 1 : 0, ejects);
+        EXPECT_TRUE(LockIsFree());
+    }
+}
+
 // The answer counts that came with the result 0, not an earlier one's.
 TEST_F(ZelEject, JudgesByTheLastAnswer)
 {
