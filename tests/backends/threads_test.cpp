@@ -4,6 +4,7 @@
 #include <atomic>
 
 #include "tests/backends/fixture.h"
+#include "tests/support/signal.h"
 
 namespace {
 
@@ -159,20 +160,15 @@ TEST_P(OneUnit, ServesItsThreadsInTurn)
     EXPECT_EQ(size_t{4} * kSteps, transfers);
 }
 
-// While one thread pauses between its tries, others of the unit wait, those of another
-// unit do not.
-TEST(ZelThreads, WaitBehindABusyUnitOnly)
+// While one thread pauses between its tries, others of the unit wait.
+TEST(ZelThreads, WaitWhileTheirUnitIsBusy)
 {
     const std::unique_ptr<Bench> bench = Bench::Create();
     bench->Insert("zel0", Bytes(size_t{kSectors} * 512));
-    bench->Insert("zel1", Bytes(size_t{kSectors} * 512));
     {
         Device busy(kZel, "/dev/spda");
-        Device free(kZel, "/dev/spdb");
         busy.Open();
-        free.Open();
         cardsim::LowBuffer memory{512};
-        cardsim::LowBuffer others{512};
         BenchFault fault;
         fault.request = kZelRequests.protection;
         fault.error = EBUSY;
@@ -186,7 +182,6 @@ TEST(ZelThreads, WaitBehindABusyUnitOnly)
             while (bench->Calls("zel0").empty()) {
                 sched_yield();
             }
-            EXPECT_EQ(512, free.Read(0, others.data(), 1));
             EXPECT_EQ(512, busy.Read(0, memory.data(), 1));
         }
         EXPECT_EQ(0, protection);
@@ -198,6 +193,162 @@ TEST(ZelThreads, WaitBehindABusyUnitOnly)
         }
         const uint32_t asked = kZelRequests.protection;
         EXPECT_EQ((std::vector<uint32_t>{asked, asked, asked, asked, kZelRequests.read}), requests);
+    }
+    EXPECT_EQ("", bench->LeftBehind());
+}
+
+// --- one unit busy, another free ----------------------------------------------------------
+
+// A call, and whether it did what it should.
+struct UnitCall {
+    const char* name;
+    uint32_t Requests::* request;  // of a direct transfer
+    bool (*run)(Device& device, const cardsim::LowBuffer& memory);
+};
+
+bool DidPlain(int32_t result, const CardIoResult& record)
+{
+    return result == 0 && record.error == 0 && record.length == 512;
+}
+
+const UnitCall kUnitCalls[] = {
+    {"DevDrctRead", &Requests::read,
+     [](Device& device, const cardsim::LowBuffer& memory) {
+         return device.Read(0, memory.data(), 1) == static_cast<int32_t>(device.Length(1));
+     }},
+    {"DevDrctWrite", &Requests::sequential_write,
+     [](Device& device, const cardsim::LowBuffer& memory) {
+         return device.Write(0, memory.data(), 1, 0) == static_cast<int32_t>(device.Length(1));
+     }},
+    {"DevDrctRMW", &Requests::rmw,
+     [](Device& device, const cardsim::LowBuffer& memory) {
+         BlockListEntry entry = {memory.address(), 1, 0, nullptr};
+         BlockList list = {1, &entry};
+         return DevDrctRMW(device, &list) == 0;
+     }},
+    {"DevFatWrite", &Requests::fat_write,
+     [](Device& device, const cardsim::LowBuffer& memory) {
+         BlockListEntry entry = {memory.address(), 1, 0, nullptr};
+         BlockList list = {1, &entry};
+         return DevFatWrite(device, &list) == 0;
+     }},
+    {"DevSdCmdWrite", &Requests::command_write,
+     [](Device& device, const cardsim::LowBuffer& memory) {
+         return DevSdCmdWrite(device, memory.data(), 1, 0, 25, 0) == 0;
+     }},
+    {"CARD_Read", nullptr,
+     [](Device& device, const cardsim::LowBuffer& memory) {
+         CardIoResult record = {};
+         return DidPlain(CARD_Read(device, memory.data(), 1, 0, 0, &record), record);
+     }},
+    {"CARD_Write", nullptr,
+     [](Device& device, const cardsim::LowBuffer& memory) {
+         CardIoResult record = {};
+         return DidPlain(CARD_Write(device, memory.data(), 1, 0, 0, &record), record);
+     }},
+    {"CARD_Getstatus", nullptr,
+     [](Device& device, const cardsim::LowBuffer&) {
+         uint16_t status = 0;
+         return CARD_Getstatus(device, &status) == 0 && status == CARD_STATUS_READY;
+     }},
+    {"CARD_GetWriteProtect", nullptr,
+     [](Device& device, const cardsim::LowBuffer&) { return CARD_GetWriteProtect(device) == 0; }},
+    {"CARD_Ioctl", nullptr,
+     [](Device& device, const cardsim::LowBuffer&) { return CARD_Ioctl(device, 3, 0) == 0; }},
+};
+
+class BusyUnit : public testing::TestWithParam<std::tuple<Two, bool>> {
+protected:
+    static constexpr std::chrono::seconds kPatience{20};
+    static constexpr std::chrono::milliseconds kGlance{10};
+
+    BusyUnit()
+    {
+        for (const char* place : two.place) {
+            bench->Insert(place, Bytes(size_t{kSectors} * 512));
+        }
+        // So that little is recorded of a transfer that goes out again and again.
+        bench->Latency(busy_place, std::chrono::milliseconds(2));
+    }
+
+    void NeverFinish(uint32_t request)
+    {
+        BenchFault unfinished;
+        unfinished.request = request;
+        unfinished.result = 1;
+        unfinished.reach = true;  // its end is told
+        unfinished.times = BenchFault::kForEver;
+        bench->Inject(busy_place, unfinished);
+        bench->ClearCalls(busy_place);
+    }
+
+    // The record does not grow meanwhile.
+    bool Comes(const std::function<bool()>& event)
+    {
+        const auto until = std::chrono::steady_clock::now() + kPatience;
+        while (!event()) {
+            if (std::chrono::steady_clock::now() > until) {
+                return false;
+            }
+            bench->ClearCalls(busy_place);
+        }
+        return true;
+    }
+
+    const Two two = std::get<0>(GetParam());
+    const size_t first = std::get<1>(GetParam()) ? 1 : 0;
+    const char* const busy_place = two.place[first];
+    const char* const free_place = two.place[1 - first];
+    std::unique_ptr<Bench> bench = Bench::Create();
+    cardsim::LowBuffer memory{512};
+    cardsim::LowBuffer others{512};
+};
+
+INSTANTIATE_TEST_SUITE_P(Threads, BusyUnit,
+                         testing::Combine(testing::ValuesIn(kTwos), testing::Bool()),
+                         [](const auto& param) {
+                             return std::string(std::get<0>(param.param).name) +
+                                    (std::get<1>(param.param) ? "LastBusy" : "FirstBusy");
+                         });
+
+// One unit's request lasts until every call on the other has returned.
+TEST_P(BusyUnit, KeepsNoOtherUnitWaiting)
+{
+    {
+        Device busy(*two.backend[first], two.node[first]);
+        Device free(*two.backend[1 - first], two.node[1 - first]);
+        busy.Open();
+        free.Open();
+        EXPECT_EQ(0, CARD_Init(free, 0, CountEject));
+        for (const UnitCall& held : kUnitCalls) {
+            if (held.request == nullptr) {
+                continue;
+            }
+            NeverFinish(two.backend[first]->requests.*held.request);
+            std::atomic<const char*> doing{"nothing"};
+            Signal returned;
+            bool was_held = false;
+            int wrong = 0;
+            bool in_time = false;
+            {
+                const cardsim::LowThread lasting([&] { was_held = held.run(busy, memory); });
+                EXPECT_TRUE(Comes([&] { return !bench->Calls(busy_place).empty(); }));
+                const cardsim::LowThread passing([&] {
+                    for (const UnitCall& call : kUnitCalls) {
+                        doing = call.name;
+                        wrong += call.run(free, others) ? 0 : 1;
+                    }
+                    returned.Set();
+                });
+                in_time = Comes([&] { return returned.Wait(kGlance); });
+                EXPECT_TRUE(in_time) << doing << " on " << free_place << " waits for " << held.name
+                                     << " on " << busy_place;
+                bench->ClearFaults(busy_place);
+            }
+            EXPECT_TRUE(was_held) << held.name;
+            EXPECT_EQ(0, wrong);
+            ASSERT_TRUE(in_time);
+        }
     }
     EXPECT_EQ("", bench->LeftBehind());
 }

@@ -3,13 +3,13 @@
 // Several threads in the Zel back-end at once: one direct request at a time on a
 // unit, none in another unit's way.
 #include <atomic>
-#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 
 #include <sched.h>
 
+#include "tests/support/signal.h"
 #include "tests/zel/transfer_fixture.h"
 
 namespace {
@@ -23,31 +23,6 @@ using cardsim::LowThread;
 constexpr uint32_t kThreads = 4;
 constexpr uint32_t kRounds = 15;
 constexpr uint32_t kOwn = 8;  // sectors that are a thread's own
-
-// How long a thread waits for another that is to come; no test depends on it
-// unless it fails.
-constexpr std::chrono::seconds kPatience{60};
-
-// Something that has happened, for those who wait for it.
-class Signal {
-public:
-    void Set()
-    {
-        const std::lock_guard<std::mutex> lock(lock_);
-        set_ = true;
-        changed_.notify_all();
-    }
-    bool Wait()
-    {
-        std::unique_lock<std::mutex> lock(lock_);
-        return changed_.wait_for(lock, kPatience, [this] { return set_; });
-    }
-
-private:
-    std::mutex lock_;
-    std::condition_variable changed_;
-    bool set_ = false;
-};
 
 // Let whoever can run, run.
 void YieldOften()
@@ -213,6 +188,50 @@ TEST_F(ZelThreads, RunBesideEachOtherOnTwoUnits)
     };
     RunAll(2, [&](uint32_t thread) { WriteAndRead(thread == 0 ? &handle : &other, thread, 1); });
     EXPECT_TRUE(met);
+    DevExit(&other);
+}
+
+// Calls that send one request at most keep no other unit waiting, either: each is held in its
+// request until the same call on another unit has returned.
+TEST_F(ZelThreads, AskForOneUnitBesideAnother)
+{
+    DrvInfo other = OpenOther(4);
+    RegisterCallback();
+    ASSERT_EQ(0, zel_ops.CardInit(&other, 0, [] { OnEject()(); }));
+    const std::pair<uint32_t, std::function<bool(DrvInfo*)>> calls[] = {
+        {kGetStatus,
+         [](DrvInfo* unit) {
+             uint16_t status = 0;
+             return CARD_Getstatus(unit, &status) == 0;
+         }},
+        {0x20007008u, [](DrvInfo* unit) { return CARD_GetWriteProtect(unit) == 0; }},
+        {0x2000701Bu, [](DrvInfo* unit) { return CARD_Ioctl(unit, 2, 0) == 0; }},
+        {0x2000701Cu, [](DrvInfo* unit) { return CARD_Ioctl(unit, 3, 0) == 0; }},
+        {0x2000702Bu, [](DrvInfo* unit) { return CARD_Ioctl(unit, 4, 0) == 0; }},
+    };
+    for (const auto& [request, call] : calls) {
+        SCOPED_TRACE(request);
+        Signal begun;
+        Signal returned;
+        bool in_time = false;
+        Fault held;
+        held.request = request;
+        held.then = [&] {
+            begun.Set();
+            in_time = returned.Wait(std::chrono::seconds(20));
+        };
+        kernel.Inject(held);
+        {
+            const LowThread first([&, &call = call] { EXPECT_TRUE(call(&handle)); });
+            ASSERT_TRUE(begun.Wait());
+            const LowThread second([&, &call = call] {
+                EXPECT_TRUE(call(&other));
+                returned.Set();
+            });
+        }
+        EXPECT_TRUE(in_time) << "the other unit's call waits for this one's";
+        kernel.ClearFaults();
+    }
     DevExit(&other);
 }
 
