@@ -210,7 +210,11 @@ TEST_F(MivoProtect, TakesANegativeAnswerForAFailure)
     EXPECT_FALSE(IsLocked());
 }
 
-TEST_F(MivoProtect, HoldsTheLockForTheRequest)
+class MivoProtectOnUnit : public OnUnit<MivoProtect> {};
+
+INSTANTIATE_TEST_SUITE_P(Units, MivoProtectOnUnit, kUnits);
+
+TEST_P(MivoProtectOnUnit, HoldsTheLockForTheRequest)
 {
     Open();
     WatchForEject();
@@ -356,7 +360,11 @@ TEST_F(MivoCommand, HasNoOtherCommands)
     EXPECT_TRUE(MutexCalls().empty());
 }
 
-TEST_F(MivoCommand, HoldsTheLockForTheRequest)
+class MivoCommandOnUnit : public OnUnit<MivoCommand> {};
+
+INSTANTIATE_TEST_SUITE_P(Units, MivoCommandOnUnit, kUnits);
+
+TEST_P(MivoCommandOnUnit, HoldsTheLockForTheRequest)
 {
     Open();
     WatchForEject();
@@ -371,7 +379,11 @@ TEST_F(MivoCommand, HoldsTheLockForTheRequest)
         EXPECT_FALSE(IsLocked());
         // Behind the eject check, which has it for itself.
         ASSERT_EQ(2u, MutexCalls().size());
-        EXPECT_EQ(1u, MutexCalls()[1].system_calls);
+        for (size_t i = 0; i < 2; i++) {
+            EXPECT_EQ(MutexCallKind::Lock, MutexCalls()[i].kind);
+            EXPECT_EQ(&dev->lock, MutexCalls()[i].mutex);
+            EXPECT_EQ(i, MutexCalls()[i].system_calls);
+        }
     }
 }
 

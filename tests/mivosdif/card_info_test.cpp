@@ -990,7 +990,11 @@ TEST_F(MivoQueries, AskTheSecondUnitByItsOwnNode)
     EXPECT_EQ(1, mivo_dev[1].ejected);
 }
 
-TEST_F(MivoQueries, HoldTheLockForTheStatusAlone)
+class MivoQueriesOnUnit : public OnUnit<MivoQueries> {};
+
+INSTANTIATE_TEST_SUITE_P(Units, MivoQueriesOnUnit, kUnits);
+
+TEST_P(MivoQueriesOnUnit, HoldTheLockForTheStatusAlone)
 {
     Open();
     WatchForEject();
@@ -1008,6 +1012,10 @@ TEST_F(MivoQueries, HoldTheLockForTheStatusAlone)
         EXPECT_EQ(request == MIVOSDIF_IOC_GET_CARD_STATUS, locked) << std::hex << request;
     }
     EXPECT_FALSE(IsLocked());
+    for (const MutexCall& call : MutexCalls()) {
+        EXPECT_EQ(MutexCallKind::Lock, call.kind);
+        EXPECT_EQ(&dev->lock, call.mutex);
+    }
 }
 
 TEST_F(MivoQueries, TakeNoLockWithoutACallback)

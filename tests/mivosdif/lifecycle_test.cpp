@@ -136,8 +136,12 @@ TEST_F(MivoInit, FillsTheRecord)
     EXPECT_EQ(Bytes(sizeof mivo_dev[1], 0xE1), BytesOf(mivo_dev[1]));
 }
 
+class MivoInitOnUnit : public OnUnit<MivoInit> {};
+
+INSTANTIATE_TEST_SUITE_P(Units, MivoInitOnUnit, kUnits);
+
 // The lock comes when everything else has succeeded.
-TEST_F(MivoInit, CreatesTheLockBehindTheTable)
+TEST_P(MivoInitOnUnit, CreatesTheLockBehindTheTable)
 {
     MarkRecords();
     EXPECT_EQ((Outcome{0, kBanner}), Init());

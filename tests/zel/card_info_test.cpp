@@ -811,7 +811,11 @@ TEST_F(ZelSize, GivesTenWhereTheCardGoesMeanwhile)
     EXPECT_EQ(2, ejects);  // once for each record that is fetched
 }
 
-TEST_F(ZelQueries, HoldTheLockForTheStatusAlone)
+class ZelQueriesOnUnit : public OnUnit<ZelQueries> {};
+
+INSTANTIATE_TEST_SUITE_P(Units, ZelQueriesOnUnit, kUnits);
+
+TEST_P(ZelQueriesOnUnit, HoldTheLockForTheStatusAlone)
 {
     OpenWithoutCopies();
     WatchForEject();
@@ -827,6 +831,10 @@ TEST_F(ZelQueries, HoldTheLockForTheStatusAlone)
         EXPECT_EQ(request == ZEL_GET_CARD_STATUS, locked) << std::hex << request;
     }
     EXPECT_FALSE(IsLocked());
+    for (const MutexCall& call : MutexCalls()) {
+        EXPECT_EQ(MutexCallKind::Lock, call.kind);
+        EXPECT_EQ(&dev->lock, call.mutex);
+    }
 }
 
 TEST_F(ZelQueries, TakeNoLockWithoutACallback)

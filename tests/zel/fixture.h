@@ -160,4 +160,17 @@ protected:
     inline static ZelDevice* watched = nullptr;
 };
 
+// What is said of a unit's lock holds for any unit: the first and the last.
+template <typename Fixture>
+class OnUnit : public Fixture, public testing::WithParamInterface<unsigned> {
+protected:
+    OnUnit()
+    {
+        this->Use(GetParam());
+        MutexCalls().clear();
+    }
+};
+
+inline const auto kUnits = testing::Values(0u, 5u);
+
 #endif

@@ -185,8 +185,12 @@ TEST_F(ZelInit, AsksEachNodeByItsOwnDescriptor)
     EXPECT_EQ(0u, kernel.Calls().at(kMount).argument);
 }
 
+class ZelInitOnUnit : public OnUnit<ZelInit> {};
+
+INSTANTIATE_TEST_SUITE_P(Units, ZelInitOnUnit, kUnits);
+
 // The lock comes when everything else has succeeded; nothing before takes it.
-TEST_F(ZelInit, CreatesTheLockBehindTheTable)
+TEST_P(ZelInitOnUnit, CreatesTheLockBehindTheTable)
 {
     MarkRecords();
     EXPECT_EQ((Outcome{0, kBanner}), Init());

@@ -458,7 +458,11 @@ TEST_F(ZelIoctl, RefusesEverythingOnceTheCardHasGone)
     EXPECT_TRUE(kernel.Calls().empty());
 }
 
-TEST_F(ZelIoctl, LooksForTheCardFirstAndTakesNoLockOfItsOwn)
+class ZelIoctlOnUnit : public OnUnit<ZelIoctl> {};
+
+INSTANTIATE_TEST_SUITE_P(Units, ZelIoctlOnUnit, kUnits);
+
+TEST_P(ZelIoctlOnUnit, LooksForTheCardFirstAndTakesNoLockOfItsOwn)
 {
     Open();
     WatchForEject();
@@ -468,8 +472,9 @@ TEST_F(ZelIoctl, LooksForTheCardFirstAndTakesNoLockOfItsOwn)
         MutexCalls().clear();
         EXPECT_EQ((Outcome{0}), Send(code, Record()));
         ASSERT_EQ(2u, kernel.Calls().size());
-        EXPECT_EQ(kGetStatus, TraceOf(kernel).at(0));
-        EXPECT_EQ(1u, MutexCalls().size());
+        EXPECT_EQ(ZEL_GET_CARD_STATUS, kernel.Calls()[0].request);
+        ASSERT_EQ(1u, MutexCalls().size());
+        EXPECT_EQ(&dev->lock, MutexCalls()[0].mutex);
         EXPECT_FALSE(IsLocked());
     }
     bool locked = false;
