@@ -201,12 +201,15 @@ void Report(FILE* out, const Counts& counts)
             "\n"
             "  reads: plain %zu direct %zu array %zu, failed %zu"
             "\n"
+            "  queries: %zu, of these of a card that has gone %zu"
+            "\n"
             "  %zu faults planned, %zu ejects, %zu inits, %zu"
             " sectors compared\n",
             counts.cut_short.load(), counts.writes_failed.load(), counts.writes_refused.load(),
             counts.read[kPlain].load(), counts.read[kDirect].load(), counts.read[kArray].load(),
-            counts.reads_failed.load(), counts.faults.load(), counts.ejects.load(),
-            counts.inits.load(), counts.sectors_compared.load());
+            counts.reads_failed.load(), counts.queries.load(), counts.told_gone.load(),
+            counts.faults.load(), counts.ejects.load(), counts.inits.load(),
+            counts.sectors_compared.load());
 }
 
 // All descriptors and blocks are back.

@@ -114,7 +114,8 @@ void Unit::Open(bool protect)
     is_protected = protect;
     latched = false;
     disturbed = false;
-    is_size_kept = true;
+    is_watched = false;
+    are_registers_good = true;
     noticed_at_open = Noticed();
     // Otherwise the library never looks whether the card is there.
     if (!random.OneIn(4)) {
@@ -123,6 +124,7 @@ void Unit::Open(bool protect)
         if (CARD_Init(&handle, 0, callback) != 0) {
             throw Violation("the callback was not taken");
         }
+        is_watched = HasDirect();
     }
     counts.inits++;
 }

@@ -63,6 +63,8 @@ struct Counts {
     std::atomic<size_t> reads_failed = 0;
     std::atomic<size_t> faults = 0;
     std::atomic<size_t> ejects = 0;
+    std::atomic<size_t> queries = 0;
+    std::atomic<size_t> told_gone = 0;  // of these, that the card has gone for certain
     std::atomic<size_t> inits = 0;
     std::atomic<size_t> sectors_compared = 0;
 };
@@ -116,7 +118,8 @@ public:
     // Since the unit was opened:
     uint32_t noticed_at_open = 0;
     bool is_protected = false;
-    bool is_size_kept = true;             // a query that failed leaves registers that are none
+    bool is_watched = false;              // the library looks whether the card is there
+    bool are_registers_good = true;       // a query that failed leaves registers that are none
     std::atomic<bool> latched = false;    // a transfer has given up
     std::atomic<bool> disturbed = false;  // the card was not there, or not the same, all the time
 

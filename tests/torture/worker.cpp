@@ -68,9 +68,9 @@ void Worker::Step()
         }
     }
     const uint32_t kind = random_.Below(100);
-    if (kind < 55) {
+    if (kind < 52) {
         Write();
-    } else if (kind < 90) {
+    } else if (kind < 85) {
         Read();
     } else if (kind < 97) {
         Query();
@@ -282,25 +282,139 @@ void Worker::ReadPiece(const Piece& piece, Route route)
     unit_.counts.sectors_compared += whole;
 }
 
+// The registers of a unit are for one thread to ask for.
 void Worker::Query()
 {
-    BeginCall("query", kDirect, {});
-    const Expect expect = ExpectRead(kDirect);
+    for (uint32_t left = random_.Between(1, 3); left > 0; left--) {
+        switch (random_.Below(share_.plain ? 8 : 4)) {
+            case 0:
+                AskStatus();
+                break;
+            case 1:
+                AskProtection();
+                break;
+            case 2:
+                SendCommand();
+                break;
+            case 3:
+                SendRequest();
+                break;
+            case 4:
+                AskSize();
+                break;
+            case 5:
+                AskRegisters();
+                break;
+            case 6:
+                AskSpeed();
+                break;
+            default:
+                AskSdStatus();
+                break;
+        }
+    }
+}
+
+void Worker::AskStatus()
+{
+    // Nobody is asked where nobody looks for the card.
+    const Expect expect = BeginQuery("status");
     uint16_t status = 0;
     const int32_t said = CARD_Getstatus(&unit_.handle, &status);
-    const int32_t protection = CARD_GetWriteProtect(&unit_.handle);
-    if (expect == Expect::Done) {
-        Check(said == 0 && status == CARD_STATUS_READY, "a card that is in was not seen");
-        Check((protection != 0) == unit_.is_protected,
-              "the card's protection is " + std::to_string(protection));
+    CheckQuery(said, unit_.is_watched ? expect : Expect::Done, CARD_CODE_REMOVED, 0);
+    Check(status == (said == 0 ? CARD_STATUS_READY : 0), "an odd status word");
+}
+
+void Worker::AskProtection()
+{
+    const Expect expect = BeginQuery("protection");
+    result_ = CARD_GetWriteProtect(&unit_.handle);
+    if (IsGone()) {
+        Check(result_ == -EIO, "a card that has gone was asked for its protection");
+    } else if (expect == Expect::Done) {
+        Check(result_ == (unit_.is_protected ? 1 : 0), "the card's protection is another");
     }
-    // The registers of a unit are for one thread to ask for.
-    if (share_.plain) {
-        const uint32_t size = CARD_GetCardSize(&unit_.handle);
-        unit_.is_size_kept &= expect == Expect::Done;
-        Check(size == kCardSectors || !unit_.is_size_kept,
-              "the card's size is " + std::to_string(size));
+}
+
+void Worker::SendCommand()
+{
+    const Expect expect = BeginQuery("command");
+    const auto command = static_cast<int32_t>(random_.Below(6));
+    const auto word = static_cast<int32_t>(random_.Word());
+    const bool is_sent = command >= 2 && command <= 4 && unit_.HasDirect();
+    CheckQuery(CARD_Ioctl(&unit_.handle, command, word), expect, CARD_CODE_REMOVED,
+               is_sent ? CARD_CODE_COMMAND_FAILED : 0);
+    if (is_sent && share_.alone && expect == Expect::Done) {
+        const std::string& place = unit_.place.name;
+        Check(bench_.State(place, "last_command") == static_cast<uint32_t>(command) &&
+                  bench_.State(place, "command_word") == static_cast<uint32_t>(word),
+              "another command arrived");
     }
+}
+
+// One that the devices with direct transfers know, or one that none does.
+void Worker::SendRequest()
+{
+    const Expect expect = BeginQuery("request");
+    const bool is_known = random_.OneIn(2);
+    uint32_t record[9] = {};
+    result_ = DevIoctl(&unit_.handle, is_known ? DEV_IOCTL_DEVICE_PARAMS : 0x20007299, record);
+    const int32_t good = is_known && unit_.HasDirect() ? 0 : -ENOTTY;
+    if (IsGone()) {
+        Check(result_ == -EIO, "a request was sent to a card that has gone");
+    } else if (expect == Expect::Done) {
+        Check(result_ == good, "failed without a reason");
+    } else {
+        Check(result_ == good || result_ == -EIO || (good == 0 && result_ == -1), "an odd result");
+    }
+}
+
+void Worker::AskSize()
+{
+    BeginRegisterQuery("size");
+    const uint32_t size = CARD_GetCardSize(&unit_.handle);
+    result_ = static_cast<int32_t>(size);
+    if (IsGone()) {
+        Check(size == 0xFFFFFFFB, "a card that has gone has a size");
+    }
+    Check(size == kCardSectors || !unit_.are_registers_good,
+          "the card's size is " + std::to_string(size));
+}
+
+void Worker::AskRegisters()
+{
+    const Expect expect = BeginRegisterQuery("registers");
+    CardInfo info = {};
+    const int32_t said = CARD_Getinfo(&unit_.handle, &info);
+    CheckQuery(said, expect, CARD_CODE_REMOVED, CARD_CODE_ERROR);
+    // One byte in, where the record begins with a zero.
+    const size_t at = unit_.place.type == DEV_TYPE_ZEL ? 1 : 0;
+    CheckRegister("cid", info.cid + at, sizeof info.cid - at);
+    CheckRegister("csd", info.csd, sizeof info.csd);
+}
+
+void Worker::AskSpeed()
+{
+    const Expect expect = BeginRegisterQuery("speed");
+    CardSpeedInfo speed = {};
+    CheckQuery(CARD_GetSpeedInfo(&unit_.handle, &speed), expect, CARD_CODE_REMOVED,
+               CARD_CODE_ERROR);
+    if (!unit_.are_registers_good) {
+        return;
+    }
+    CardSpeedInfo again = {};
+    CheckQuery(CARD_GetSpeedInfo(&unit_.handle, &again), expect, CARD_CODE_REMOVED,
+               CARD_CODE_ERROR);
+    Check(memcmp(&speed, &again, sizeof speed) == 0, "the card's speed has changed");
+}
+
+void Worker::AskSdStatus()
+{
+    const Expect expect = BeginRegisterQuery("SD status");
+    uint8_t status[CARD_SD_STATUS_SIZE] = {};
+    CheckQuery(CARD_SecureGetinfo(&unit_.handle, status), expect, CARD_CODE_REMOVED,
+               CARD_CODE_ERROR);
+    CheckRegister("sd_status", status, sizeof status);
 }
 
 // --- how to do it -----------------------------------------------------------------------
@@ -517,6 +631,54 @@ void Worker::Check(bool holds, const std::string& otherwise) const
     if (!holds) {
         throw Violation(doing_ + ": " + otherwise + " (result " + std::to_string(result_) + ")");
     }
+}
+
+Worker::Expect Worker::BeginQuery(const char* what)
+{
+    BeginCall(what, kDirect, {});
+    unit_.counts.queries++;
+    unit_.counts.told_gone += IsGone() ? 1 : 0;
+    return ExpectRead(kDirect);
+}
+
+Worker::Expect Worker::BeginRegisterQuery(const char* what)
+{
+    const Expect expect = BeginQuery(what);
+    unit_.are_registers_good &= expect == Expect::Done;
+    return expect;
+}
+
+// Whether the card is out for certain, and the library has to find it so: it was told of, or
+// it will be at this call.
+bool Worker::IsGone() const
+{
+    if (noticed_ != unit_.noticed_at_open) {
+        return true;
+    }
+    return unit_.is_watched && share_.alone && !unit_.card_is_in && !planned_.any;
+}
+
+// `gone` and `failure` are the results for a card that has gone and for a driver that fails.
+void Worker::CheckQuery(int32_t result, Expect expect, int32_t gone, int32_t failure)
+{
+    result_ = result;
+    if (IsGone()) {
+        Check(result == gone, "a card that has gone was not told of");
+    } else if (expect == Expect::Done) {
+        Check(result == 0, "failed without a reason");
+    } else {
+        Check(result == 0 || result == gone || result == failure, "an odd result");
+    }
+}
+
+// As long as none that failed was kept.
+void Worker::CheckRegister(const char* name, const uint8_t* found, size_t length)
+{
+    if (!unit_.are_registers_good) {
+        return;
+    }
+    const Bytes expected = bench_.Register(unit_.place.name, name);
+    Check(memcmp(expected.data(), found, length) == 0, std::string("another ") + name);
 }
 
 // Whether the card has gone, and the kernel serves plain transfers all the same.

@@ -47,6 +47,14 @@ private:
     void ReadBack(const Pieces& pieces, Route written_by);
     void ReadPiece(const Piece& piece, Route route);
     void Query();
+    void AskStatus();
+    void AskProtection();
+    void SendCommand();
+    void SendRequest();
+    void AskSize();
+    void AskRegisters();
+    void AskSpeed();
+    void AskSdStatus();
     void MoveCard();
 
     bool MayBePlain() const;
@@ -69,6 +77,11 @@ private:
     Answer AnswerOf(int32_t result, uint32_t success);
     Answer PlainAnswer(int32_t result, const CardIoResult& record, uint32_t sectors);
 
+    Expect BeginQuery(const char* what);
+    Expect BeginRegisterQuery(const char* what);
+    bool IsGone() const;
+    void CheckQuery(int32_t result, Expect expect, int32_t gone, int32_t failure);
+    void CheckRegister(const char* name, const uint8_t* found, size_t length);
     Expect ExpectRead(Route route) const;
     bool IsTakenByKernel(Route route) const;
     Expect ExpectWrite(Route route) const;
@@ -78,7 +91,6 @@ private:
     void CompareCard(const Pieces& pieces);
 
     void BeginCall(const char* what, Route route, const Pieces& pieces);
-    bool Begun() const;
     void Check(bool holds, const std::string& otherwise) const;
     void EndFaults();
 
