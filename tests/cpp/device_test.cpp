@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "carddev.hpp"
+#include "carddev_state.h"
 #include "sim/low_memory.h"
 #include "sim/mivo_driver.h"
 #include "sim/ricoh_driver.h"
@@ -115,6 +116,26 @@ protected:
         sim_card_read(&card->model(), uint64_t{first} * 512, bytes.data(),
                       static_cast<uint32_t>(bytes.size()));
         return bytes;
+    }
+
+    std::vector<uint32_t> Requests()
+    {
+        std::vector<uint32_t> requests;
+        for (const cardsim::Call& call : kernel.Calls()) {
+            if (call.kind == cardsim::CallKind::Ioctl) {
+                requests.push_back(call.request);
+            }
+        }
+        return requests;
+    }
+
+    // What a record that nobody writes would hold.
+    [[gnu::noinline]] static void LeaveOnesOnTheStack()
+    {
+        volatile uint8_t stack[8192];
+        for (volatile uint8_t& byte : stack) {
+            byte = 1;
+        }
     }
 
     // The error of a call that fails, whatever it prints.
@@ -273,6 +294,8 @@ TEST_P(CppDevice, ReadsAndWritesWholeSectors)
     EXPECT_EQ(512u, *device.Write(11, std::as_bytes(part)));
     EXPECT_EQ(512u, *device.Write(12, Buffer(many.data(), 512)));
     EXPECT_EQ(OnCard(9, 1), OnCard(11, 1));
+    EXPECT_EQ(512u, *device.Write(13, words));
+    EXPECT_EQ(OnCard(9, 1), OnCard(13, 1));
 }
 
 TEST_P(CppDevice, TellsAShortTransferFromAFailedOne)
@@ -280,7 +303,12 @@ TEST_P(CppDevice, TellsAShortTransferFromAFailedOne)
     Device device = Opened();
     EXPECT_EQ(1024u, *device.Read(kSectors - 2, Buffer(memory.data(), 5 * 512)));
     EXPECT_EQ(1024u, *device.Write(kSectors - 2, ConstBuffer(memory.data(), 5 * 512)));
-    EXPECT_EQ(0u, *device.Read(kSectors, Buffer(memory.data(), 512)));
+    const auto none = device.Read(kSectors, Buffer(memory.data(), 512));
+    EXPECT_TRUE(none);
+    EXPECT_EQ(0u, *none);
+    const auto nothing = device.Write(0, Buffer(memory.data(), 0));
+    EXPECT_TRUE(nothing);
+    EXPECT_EQ(0u, *nothing);
     Fail(cardsim::CallKind::Read, EIO);
     Fail(cardsim::CallKind::Write, ENOSPC);
     EXPECT_EQ(Error(CARD_CODE_ERROR),
@@ -309,6 +337,9 @@ TEST_P(CppDevice, RefusesPartsOfSectors)
                   device.Read(0, Buffer(memory.data(), size_t{0x800000} * 512)).error());
     }
     EXPECT_TRUE(kernel.Calls().empty());
+    const ConstBuffer most(memory.data(), size_t{0x7FFFFF} * 512);
+    EXPECT_EQ(1024u, *device.Read(kSectors - 2, Buffer(memory.data(), most.bytes())));
+    EXPECT_EQ(1024u, *device.Write(kSectors - 2, most));
 }
 
 // --- direct transfers -----------------------------------------------------------------------
@@ -331,6 +362,24 @@ TEST_P(CppDevice, MovesScatteredSectors)
     EXPECT_TRUE(device.DirectRead(50, Into(Buffer(at + 20000, 1000), Buffer(at + 30000, 24))));
     EXPECT_EQ(0, memcmp(expected.data(), at + 20000, 1000));
     EXPECT_EQ(0, memcmp(expected.data() + 1000, at + 30000, 24));
+}
+
+TEST_P(CppDevice, BeginsADirectWriteAsItIsTold)
+{
+    if (!backend.direct) {
+        return;
+    }
+    const bool is_zel = backend.type == DEV_TYPE_ZEL;
+    const uint32_t sequential = is_zel ? 0x20007018 : 0x8010D32E;
+    const uint32_t plain = is_zel ? 0x2000700C : 0x8010D325;
+    Device device = Opened();
+    kernel.ClearCalls();
+    EXPECT_TRUE(device.DirectWrite(50, From(Buffer(memory.data(), 512))));
+    EXPECT_TRUE(
+        device.DirectWrite(50, From(Buffer(memory.data(), 512)), carddev::DirectMode::Sequential));
+    EXPECT_TRUE(
+        device.DirectWrite(50, From(Buffer(memory.data(), 512)), carddev::DirectMode::Plain));
+    EXPECT_EQ((std::vector<uint32_t>{sequential, sequential, plain}), Requests());
 }
 
 TEST_P(CppDevice, MovesAsManyPiecesAsTheDriverTakes)
@@ -489,6 +538,26 @@ TEST_P(CppDevice, TellsThatACardIsProtected)
     card->model().write_protected = true;
     Device device = Opened();
     EXPECT_TRUE(*device.IsWriteProtected());
+    EXPECT_TRUE(device.IsWriteProtected());
+}
+
+// Any other number than zero is "yes", but for the two that mean a failure.
+TEST_P(CppDevice, TellsTheAnswersOfADriverApart)
+{
+    if (!backend.direct) {
+        return;
+    }
+    Device device = Opened();
+    for (const int answer : {0, 1, 2, 9, 11, 0xFFFF}) {
+        cardsim::Fault fault;
+        fault.kind = cardsim::CallKind::Ioctl;
+        fault.result = answer;
+        kernel.ClearFaults();
+        kernel.Inject(fault);
+        const auto is_protected = device.IsWriteProtected();
+        EXPECT_TRUE(is_protected) << answer;
+        EXPECT_EQ(answer != 0, *is_protected);
+    }
 }
 
 TEST_P(CppDevice, TellsFailuresFromAnswers)
@@ -514,6 +583,20 @@ TEST_P(CppDevice, KnowsASmallCardFromAFailure)
     AddRicohCard(kernel, cardsim::Card::InMemory(10));
     Device device = Opened();
     EXPECT_EQ(10u, *device.Sectors());
+}
+
+TEST_P(CppDevice, KeepsTheWordForTheCallback)
+{
+    if (!backend.direct) {
+        return;
+    }
+    Device device = Opened();
+    const uint32_t& kept =
+        backend.type == DEV_TYPE_ZEL ? zel_dev[2].eject_arg : mivo_dev[1].eject_arg;
+    EXPECT_TRUE(device.OnEject([] {}));
+    EXPECT_EQ(0u, kept);
+    EXPECT_TRUE(device.OnEject([] {}, 7));
+    EXPECT_EQ(7u, kept);
 }
 
 TEST_P(CppDevice, TellsOfAnEject)
@@ -547,8 +630,14 @@ TEST_P(CppDevice, AnswersWhenClosedAsForANullHandle)
     kernel.ClearCalls();
     const Buffer piece(memory.data(), 512);
     const Error card_error(CARD_CODE_ERROR);
-    EXPECT_EQ(card_error, ErrorOf([&] { return device.Read(0, piece); }));
-    EXPECT_EQ(card_error, ErrorOf([&] { return device.Write(0, piece); }));
+    EXPECT_EQ(card_error, ErrorOf([&] {
+                  LeaveOnesOnTheStack();
+                  return device.Read(0, piece);
+              }));
+    EXPECT_EQ(card_error, ErrorOf([&] {
+                  LeaveOnesOnTheStack();
+                  return device.Write(0, piece);
+              }));
     EXPECT_EQ(card_error, ErrorOf([&] { return device.Status(); }));
     EXPECT_EQ(card_error, ErrorOf([&] { return device.Sectors(); }));
     EXPECT_EQ(card_error, ErrorOf([&] { return device.IsWriteProtected(); }));
@@ -563,36 +652,76 @@ TEST_P(CppDevice, AnswersWhenClosedAsForANullHandle)
 INSTANTIATE_TEST_SUITE_P(All, CppDevice, testing::ValuesIn(kBackends),
                          [](const auto& backend) { return backend.param.name; });
 
-// --- errors and format parameters -------------------------------------------------------------
+// --- another device -------------------------------------------------------------------------
 
-TEST(CppError, HasANameAndAText)
+struct PlainCall {
+    const void* memory;
+    uint32_t sectors;
+    uint32_t first;
+    uint32_t word;
+};
+
+PlainCall seen;
+
+int32_t SeeRead(DrvInfo*, void* memory, uint32_t sectors, uint32_t first, uint32_t word)
 {
-    const std::pair<int32_t, const char*> names[] = {
-        {-1, "-1"},
-        {-5, "EIO"},
-        {-12, "ENOMEM"},
-        {-14, "EFAULT"},
-        {-16, "EBUSY"},
-        {-19, "ENODEV"},
-        {-22, "EINVAL"},
-        {-25, "ENOTTY"},
-        {10, "CARD_CODE_ERROR"},
-        {43271, "CARD_CODE_COMMAND_FAILED"},
-        {0xFFED, "CARD_CODE_NOT_OPEN"},
-        {0xFFFB, "CARD_CODE_REMOVED"},
-        {77, "unknown"},
-    };
-    std::vector<std::string> texts;
-    for (const auto& [code, name] : names) {
-        const Error error(code);
-        EXPECT_EQ(code, error.code());
-        EXPECT_STREQ(name, error.name());
-        texts.emplace_back(error.text());
-    }
-    std::sort(texts.begin(), texts.end());
-    EXPECT_EQ(texts.end(), std::unique(texts.begin(), texts.end()));
-    EXPECT_TRUE(Error(-5) != Error(-12));
+    seen = {memory, sectors, first, word};
+    return 1024;
 }
+
+int32_t SeeWrite(DrvInfo*, const void* memory, uint32_t sectors, uint32_t first, uint32_t word)
+{
+    seen = {memory, sectors, first, word};
+    return 512;
+}
+
+int32_t NoStatus(DrvInfo*, uint16_t*)
+{
+    return 70;
+}
+
+int32_t NoR1Status(DrvInfo*)
+{
+    return 71;
+}
+
+// No device here has anything but success to say.
+TEST(CppOps, TellTheR1Status)
+{
+    DrvOps ops = {};
+    ops.CardGetStatus = NoStatus;
+    ops.CardGetR1Status = NoR1Status;
+    Device device;
+    device.handle()->ops = &ops;
+    EXPECT_EQ(Error(70), device.Status().error());
+    EXPECT_EQ(Error(71), device.R1Status().error());
+    device.handle()->ops = nullptr;
+}
+
+// The word that no device here looks at is zero.
+TEST(CppOps, HandOverAPlainTransfer)
+{
+    DrvOps ops = {};
+    ops.Read = SeeRead;
+    ops.Write = SeeWrite;
+    uint8_t memory[1024];
+    Device device;
+    device.handle()->ops = &ops;
+    EXPECT_EQ(1024u, *device.Read(7, memory));
+    EXPECT_EQ(memory, seen.memory);
+    EXPECT_EQ(2u, seen.sectors);
+    EXPECT_EQ(7u, seen.first);
+    EXPECT_EQ(0u, seen.word);
+    seen.word = 5;
+    EXPECT_EQ(512u, *device.Write(9, Buffer(memory, 512)));
+    EXPECT_EQ(memory, seen.memory);
+    EXPECT_EQ(1u, seen.sectors);
+    EXPECT_EQ(9u, seen.first);
+    EXPECT_EQ(0u, seen.word);
+    device.handle()->ops = nullptr;
+}
+
+// --- format parameters -------------------------------------------------------------------------
 
 TEST(CppFormatParams, AreTheLibrarysOwn)
 {
