@@ -206,7 +206,7 @@ TEST_F(MivoThreads, AskForOneUnitBesideAnother)
         {0x8001D328u, [](DrvInfo* unit) { return CARD_Ioctl(unit, 3, 0) == 0; }},
         {0x8001D329u, [](DrvInfo* unit) { return CARD_Ioctl(unit, 4, 0) == 0; }},
     };
-    for (const auto& [request, call] : calls) {
+    for (const auto& [request, listed] : calls) {
         SCOPED_TRACE(request);
         Signal begun;
         Signal returned;
@@ -219,9 +219,9 @@ TEST_F(MivoThreads, AskForOneUnitBesideAnother)
         };
         kernel.Inject(held);
         {
-            const LowThread first([&, &call = call] { EXPECT_TRUE(call(&handle)); });
+            const LowThread first([&, &call = listed] { EXPECT_TRUE(call(&handle)); });
             ASSERT_TRUE(begun.Wait());
-            const LowThread second([&, &call = call] {
+            const LowThread second([&, &call = listed] {
                 EXPECT_TRUE(call(&other));
                 returned.Set();
             });

@@ -209,7 +209,7 @@ TEST_F(ZelThreads, AskForOneUnitBesideAnother)
         {0x2000701Cu, [](DrvInfo* unit) { return CARD_Ioctl(unit, 3, 0) == 0; }},
         {0x2000702Bu, [](DrvInfo* unit) { return CARD_Ioctl(unit, 4, 0) == 0; }},
     };
-    for (const auto& [request, call] : calls) {
+    for (const auto& [request, listed] : calls) {
         SCOPED_TRACE(request);
         Signal begun;
         Signal returned;
@@ -222,9 +222,9 @@ TEST_F(ZelThreads, AskForOneUnitBesideAnother)
         };
         kernel.Inject(held);
         {
-            const LowThread first([&, &call = call] { EXPECT_TRUE(call(&handle)); });
+            const LowThread first([&, &call = listed] { EXPECT_TRUE(call(&handle)); });
             ASSERT_TRUE(begun.Wait());
-            const LowThread second([&, &call = call] {
+            const LowThread second([&, &call = listed] {
                 EXPECT_TRUE(call(&other));
                 returned.Set();
             });
