@@ -32,13 +32,7 @@ struct Counts {
 // All of the pairs on this machine, and three values for errno to begin with. Under an emulator
 // or a sanitizer, where a run takes up to ten times as long, each of so many pairs. What it
 // comes to must not become much less unnoticed.
-#if defined(__SANITIZE_THREAD__)
-constexpr uint64_t kPairStep = 499;
-constexpr int kErrors[] = {EBUSY};
-constexpr Counts kLeastOfZel = {241, 23000, 215, 12000};
-constexpr Counts kLeastOfMivo = {187, 20800, 155, 2100};
-constexpr Counts kLeastOfRicoh = {56, 800, 16, 10};
-#elif defined(__powerpc__) || defined(__SANITIZE_ADDRESS__)
+#if defined(FAULTS_SAMPLED)
 constexpr uint64_t kPairStep = 53;
 constexpr int kErrors[] = {0, EBUSY};
 constexpr Counts kLeastOfZel = {241, 43000, 1000, 16200};

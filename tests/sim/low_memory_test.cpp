@@ -113,7 +113,8 @@ TEST(LowMemoryDeathTest, TakesABlockBackOnce)
     LowFree(block);
 }
 
-#ifdef __SANITIZE_ADDRESS__
+#ifdef __has_feature  // clang, which the address sanitizer is used with
+#if __has_feature(address_sanitizer)
 TEST(LowMemoryDeathTest, FindsOverrunsAndUseAfterFree)
 {
     DieWithoutACore();
@@ -123,6 +124,7 @@ TEST(LowMemoryDeathTest, FindsOverrunsAndUseAfterFree)
     LowFree(block);
     EXPECT_DEATH(block[0] = 1, "use-after-poison");
 }
+#endif
 #endif
 
 // --- stack and buffers -------------------------------------------------------------------------
