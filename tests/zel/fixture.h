@@ -17,6 +17,7 @@
 #include "sim/zel_driver.h"
 #include "tests/support/handle.h"
 #include "tests/support/mutex_calls.h"
+#include "tests/support/on_unit.h"
 #include "tests/support/outcome.h"
 #include "tests/support/trace.h"
 #include "zel/zel.h"
@@ -161,16 +162,6 @@ protected:
 };
 
 // What is said of a unit's lock holds for any unit: the first and the last.
-template <typename Fixture>
-class OnUnit : public Fixture, public testing::WithParamInterface<unsigned> {
-protected:
-    OnUnit()
-    {
-        this->Use(GetParam());
-        MutexCalls().clear();
-    }
-};
-
 inline const auto kUnits = testing::Values(0u, 5u);
 
 #endif
